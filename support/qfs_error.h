@@ -1,0 +1,48 @@
+// Result codes shared by every function of the library.
+//
+// A result is a signed 32-bit value: 0 is success, small positive values are
+// platform error numbers passed through unchanged, and the top of the range
+// holds the library's own codes, counting down from 0x7FFFFFFE.
+#pragma once
+
+#include <cstdint>
+
+using qfs_result = int32_t;
+
+inline constexpr qfs_result QFS_OK = 0;
+
+inline constexpr qfs_result QFS_ERR_UNKNOWN = 0x7FFFFFFE;
+inline constexpr qfs_result QFS_ERR_OUT_OF_MEMORY = 0x7FFFFFFD;
+inline constexpr qfs_result QFS_ERR_INVALID_PARAMETER = 0x7FFFFFFC;
+inline constexpr qfs_result QFS_ERR_IO_ERROR = 0x7FFFFFFB;
+inline constexpr qfs_result QFS_ERR_NOT_IMPLEMENTED = 0x7FFFFFFA;
+inline constexpr qfs_result QFS_ERR_INCONSISTENT_FILESYSTEM = 0x7FFFFFF9;
+inline constexpr qfs_result QFS_ERR_INTERNAL_ERROR = 0x7FFFFFF8;
+inline constexpr qfs_result QFS_ERR_OVERFLOW = 0x7FFFFFF7;
+inline constexpr qfs_result QFS_ERR_ALREADY_EXISTS = 0x7FFFFFF6;
+inline constexpr qfs_result QFS_ERR_FILE_SYSTEM_LIMITATION = 0x7FFFFFF5;
+inline constexpr qfs_result QFS_ERR_DEVICE_READ_ONLY = 0x7FFFFFF4;
+inline constexpr qfs_result QFS_ERR_OUT_OF_DISK_SPACE = 0x7FFFFFF3;
+inline constexpr qfs_result QFS_ERR_UNSUPPORTED_FEATURE = 0x7FFFFFF2;
+inline constexpr qfs_result QFS_ERR_DEVICE_BUSY = 0x7FFFFFF1;
+inline constexpr qfs_result QFS_ERR_INVALID_DATA = 0x7FFFFFF0;
+
+// A platform call failed but left errno at 0.
+inline constexpr qfs_result QFS_ERR_NO_ERRNO = 0x7FFFFFFF;
+
+// Lowest value of the library's own code range.
+inline constexpr qfs_result QFS_ERR_LIBRARY_BASE = 0x7FFFFFF0;
+
+// The number a message prints for a result: errno values as they are,
+// library codes as their distance from the top of the code space.
+unsigned long qfs_error_printable(qfs_result result);
+
+// Constant text for a result; never null.
+const char *qfs_error_text(qfs_result result);
+
+// The result for a failed platform call: errno, or QFS_ERR_NO_ERRNO when errno is 0.
+qfs_result qfs_errno_result();
+qfs_result qfs_errno_result(int error_number);
+
+// Arguments for the "%lu (%s)" pair that ends every failure message.
+#define QFS_ERR_ARGS(result) qfs_error_printable(result), qfs_error_text(result)

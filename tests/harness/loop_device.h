@@ -1,0 +1,47 @@
+// Loop devices over test images, detached (with every mount of them and
+// their partitions undone) when the fixture object dies, also after a
+// failed assertion.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qfs_test {
+
+class loop_device {
+public:
+    // Attaches `image`; null with `why_not` filled when loop devices cannot be had here.
+    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not);
+    ~loop_device();
+    loop_device(const loop_device &) = delete;
+    loop_device &operator=(const loop_device &) = delete;
+
+    const std::string &path() const { return path_; }
+    // Path of partition n after scan_partitions().
+    std::string partition(int n) const { return path_ + "p" + std::to_string(n); }
+    // Makes the kernel create the partition devices (partx -a).
+    void scan_partitions();
+    // Mounts `device` (this device or one of its partitions) on a new directory; undone at destruction.
+    std::string mount(const std::string &device, const std::string &directory);
+
+private:
+    explicit loop_device(std::string path) : path_(std::move(path)) {}
+    std::string path_;
+    std::vector<std::string> mount_points_;
+    bool partitions_scanned_ = false;
+};
+
+// The reason loop devices cannot be used here, or empty when they can.
+std::string loop_devices_unavailable();
+
+} // namespace qfs_test
+
+// Attaches `image` as `var`, or skips the test with the reason.
+#define QFS_ATTACH_LOOP_OR_SKIP(var, image)                                   \
+    std::unique_ptr<qfs_test::loop_device> var;                               \
+    do {                                                                      \
+        std::string why_not_;                                                 \
+        var = qfs_test::loop_device::attach(image, &why_not_);                \
+        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;   \
+    } while (0)

@@ -1,0 +1,208 @@
+#include "harness/process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace qfs_test {
+
+namespace {
+
+std::vector<char *> as_argv(const std::vector<std::string> &argv) {
+    std::vector<char *> out;
+    for (const auto &a : argv) out.push_back(const_cast<char *>(a.c_str()));
+    out.push_back(nullptr);
+    return out;
+}
+
+void apply_env(const std::vector<std::string> &env) {
+    for (const auto &entry : env) {
+        const auto eq = entry.find('=');
+        if (eq == std::string::npos) {
+            unsetenv(entry.c_str());
+        } else {
+            setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
+        }
+    }
+}
+
+int wait_status(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void close_fd(int &fd) {
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+} // namespace
+
+run_result run_command(const std::vector<std::string> &argv, const run_options &options) {
+    int out_pipe[2], err_pipe[2], in_pipe[2];
+    if (pipe2(out_pipe, O_CLOEXEC) || pipe2(err_pipe, O_CLOEXEC) || pipe2(in_pipe, O_CLOEXEC))
+        throw std::runtime_error("pipe");
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork");
+    if (pid == 0) {
+        dup2(in_pipe[0], 0);
+        dup2(out_pipe[1], 1);
+        dup2(err_pipe[1], 2);
+        apply_env(options.env);
+        auto args = as_argv(argv);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(out_pipe[1]);
+    close(err_pipe[1]);
+    close(in_pipe[0]);
+    int in_fd = in_pipe[1];
+    size_t input_done = 0;
+    if (options.input.empty()) close_fd(in_fd);
+
+    run_result result;
+    int fds[2] = {out_pipe[0], err_pipe[0]};
+    std::string *sinks[2] = {&result.out, &result.err};
+    char buffer[65536];
+    while (fds[0] >= 0 || fds[1] >= 0 || in_fd >= 0) {
+        pollfd p[3];
+        int n = 0;
+        int which[3];
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i] >= 0) {
+                p[n] = {fds[i], POLLIN, 0};
+                which[n++] = i;
+            }
+        }
+        if (in_fd >= 0) {
+            p[n] = {in_fd, POLLOUT, 0};
+            which[n++] = 2;
+        }
+        if (poll(p, static_cast<nfds_t>(n), -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        for (int k = 0; k < n; ++k) {
+            if (!p[k].revents) continue;
+            if (which[k] == 2) {
+                const ssize_t w = write(in_fd, options.input.data() + input_done, options.input.size() - input_done);
+                if (w <= 0) {
+                    close_fd(in_fd);
+                } else if ((input_done += static_cast<size_t>(w)) == options.input.size()) {
+                    close_fd(in_fd);
+                }
+                continue;
+            }
+            const int i = which[k];
+            const ssize_t got = read(fds[i], buffer, sizeof(buffer));
+            if (got <= 0) {
+                close_fd(fds[i]);
+            } else {
+                sinks[i]->append(buffer, static_cast<size_t>(got));
+            }
+        }
+    }
+    result.exit_status = wait_status(pid);
+    return result;
+}
+
+std::string tool_path() { return FORMAT_TARN_BIN; }
+
+run_result run_tool(const std::vector<std::string> &args, const run_options &options) {
+    std::vector<std::string> argv{tool_path()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_command(argv, options);
+}
+
+pty_result run_in_pty(const std::vector<std::string> &argv, pty_size size,
+                      const std::function<std::optional<pty_size>(const std::string &)> &on_output) {
+    int err_pipe[2];
+    if (pipe2(err_pipe, O_CLOEXEC)) throw std::runtime_error("pipe");
+    struct winsize ws {};
+    ws.ws_row = size.rows;
+    ws.ws_col = size.columns;
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
+    if (pid < 0) throw std::runtime_error("forkpty");
+    if (pid == 0) {
+        dup2(err_pipe[1], 2);
+        const int null_in = open("/dev/null", O_RDONLY);
+        if (null_in >= 0) dup2(null_in, 0);
+        auto args = as_argv(argv);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(err_pipe[1]);
+    pty_result result;
+    int fds[2] = {master, err_pipe[0]};
+    char buffer[65536];
+    while (fds[0] >= 0 || fds[1] >= 0) {
+        pollfd p[2];
+        int n = 0;
+        int which[2];
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i] >= 0) {
+                p[n] = {fds[i], POLLIN, 0};
+                which[n++] = i;
+            }
+        }
+        if (poll(p, static_cast<nfds_t>(n), -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        for (int k = 0; k < n; ++k) {
+            if (!p[k].revents) continue;
+            const int i = which[k];
+            const ssize_t got = read(fds[i], buffer, sizeof(buffer));
+            if (got <= 0) {
+                // A pty master reports EIO once the child side is closed.
+                close_fd(fds[i]);
+                continue;
+            }
+            if (i == 1) {
+                result.err.append(buffer, static_cast<size_t>(got));
+                continue;
+            }
+            result.output.append(buffer, static_cast<size_t>(got));
+            if (on_output) {
+                if (auto resize = on_output(result.output)) {
+                    struct winsize next {};
+                    next.ws_row = resize->rows;
+                    next.ws_col = resize->columns;
+                    ioctl(master, TIOCSWINSZ, &next);
+                }
+            }
+        }
+    }
+    result.exit_status = wait_status(pid);
+    return result;
+}
+
+std::string must_run(const std::vector<std::string> &argv) {
+    run_result r = run_command(argv);
+    if (r.exit_status != 0) {
+        std::string command;
+        for (const auto &a : argv) command += a + " ";
+        throw std::runtime_error("command failed (" + std::to_string(r.exit_status) + "): " + command +
+                                 "\n" + r.out + r.err);
+    }
+    return r.out;
+}
+
+bool have_program(const std::string &name) {
+    return run_command({"sh", "-c", "command -v " + name + " >/dev/null 2>&1"}).exit_status == 0;
+}
+
+} // namespace qfs_test

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need, only those
+# that are missing. Pass "build" for the tool alone, "test" (default) for
+# the tests and their independent checkers as well.
+set -euo pipefail
+
+what=${1:-test}
+packages=(cmake ninja-build g++ make)
+if [ "$what" = test ]; then
+    packages+=(libgtest-dev libgmock-dev exfatprogs dosfstools gdisk fdisk e2fsprogs util-linux mtools time)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo=sudo
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq "${missing[@]}" >/dev/null
