@@ -1,3 +1,310 @@
 #include "cli/format_tarn.h"
 
-int format_tarn(int, char **) { return 1; }
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "cli/banner.h"
+#include "cli/format_options.h"
+#include "cli/format_output.h"
+#include "cli/format_runs.h"
+#include "cli/format_tarn_args.h"
+#include "cli/update_check.h"
+#include "cli/version.h"
+#include "device/qfs_device.h"
+#include "support/qfs_logging.h"
+#include "support/qfs_memory.h"
+#include "support/qfs_scope.h"
+
+namespace {
+
+constexpr const char *main_function = "_qfs_main";
+
+// Cards up to this many 512-byte sectors get FAT; larger ones exFAT.
+constexpr uint64_t exfat_threshold_sectors = 66945024;
+
+// Creation flags for the first look at the device: read-only, no locking.
+constexpr uint64_t inspection_flags = QFS_DEVICE_FLAG_READ_ONLY | QFS_DEVICE_FLAG_NO_LOCKING;
+
+enum : uint32_t { discard_none = 0, discard_regular = 1, discard_secure = 2 };
+
+struct capacity_class {
+    uint64_t max_sectors;
+    const char *name;
+};
+// Upper bounds are inclusive.
+constexpr capacity_class capacity_classes[] = {
+    {4153344, "Tarn"},      // 2126512128 bytes
+    {66945024, "TNB"},      // 34275852288 bytes
+    {4294705152, "TNC"},    // 2198889037824 bytes
+    {UINT64_MAX, "TNE"},
+};
+
+const char *class_name(uint64_t sectors) {
+    for (const auto &c : capacity_classes) {
+        if (sectors <= c.max_sectors) return c.name;
+    }
+    return "TNE";
+}
+
+void monitor_info(void *, const char *format, va_list args) {
+    if (!format_tarn_options.verbose) return;
+    vfprintf(stderr, format, args);
+    fputs("\n", stderr);
+    fflush(stderr);
+}
+
+// Engine warnings are deliberately silent in the tool.
+void monitor_warning(void *, const char *, va_list) {}
+
+void monitor_error(void *, const char *format, va_list args) {
+    fputs("ERROR: ", stderr);
+    vfprintf(stderr, format, args);
+    fputs("\n", stderr);
+    fflush(stderr);
+}
+
+format_monitor make_monitor(format_output_context *output) {
+    return format_monitor{
+        nullptr,
+        monitor_info,
+        monitor_warning,
+        monitor_error,
+        output,
+        format_update_fstype,
+        format_update_cluster_size,
+        format_update_device_total_bytes,
+        format_update_fs_total_bytes,
+        format_update_fs_bytes_free,
+        format_update_fslabel,
+        format_update_progress,
+    };
+}
+
+qfs_result run_update_check() {
+    int available = 0;
+    int32_t latest_raw = 0;
+    char *latest_text = nullptr;
+    qfs_result r = update_check(&available, &latest_raw, &latest_text);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error while checking for updates: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    qfs_unique<char[]> latest(latest_text);
+    char *current_text = nullptr;
+    size_t current_length = 0;
+    r = format_make_version_str(FORMAT_TARN_RAW_VERSION, &current_text, &current_length);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error when creating current version string: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    qfs_unique<char[]> current(current_text);
+    fputs(available ? "An update is available.\n" : "No update available.\n", stdout);
+    fprintf(stdout, "The current version is %s.\n", current.get());
+    fprintf(stdout, "The latest version is %s.\n", latest.get());
+    if (available) {
+        fprintf(stdout, "\nThe latest version can be downloaded at:\n\t%s\n\n", FORMAT_TARN_DOWNLOAD_URL);
+    }
+    fflush(stdout);
+    return QFS_OK;
+}
+
+// Refuses a mounted or busy device unless forced. Answers 0 to go on.
+qfs_result check_in_use(qfs_device *device, const char *path, bool force) {
+    uint32_t mounted = 0, busy = 0;
+    qfs_result r = qfs_device_check_if_in_use(device, &mounted, &busy);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error while checking if the device is in use: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    if (!mounted && !busy) {
+        return QFS_OK;
+    }
+    // A device both mounted and busy is reported as mounted only.
+    const char *state_line = mounted ? "Warning: %s is mounted." : "Warning: %s is in use.";
+    fprintf(stderr, state_line, path);
+    fputs("\n", stderr);
+    if (!force) {
+        fputs(mounted ? "Refusing to create a new filesystem on a mounted device.\n"
+                      : "Refusing to create a new filesystem on a busy device.\n",
+              stderr);
+        fflush(stderr);
+        return mounted ? EINVAL : EBUSY;
+    }
+    fprintf(stderr, "%s is forced anyway.\n", "format_tarn");
+    fflush(stderr);
+    return QFS_OK;
+}
+
+// The inspection of steps "device checks" up to the size; the handle is closed again before a run.
+struct inspection {
+    qfs_device *device = nullptr;
+    bool open = false;
+};
+
+qfs_result inspect_device(inspection &look, const char *path, bool is_regular_file, uint64_t *out_sectors) {
+    qfs_result r = qfs_device_create_default(path, inspection_flags, &look.device);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Failed to create fat_device: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    r = check_in_use(look.device, path, format_tarn_options.force != 0);
+    if (r != QFS_OK) {
+        return r;
+    }
+    r = qfs_device_open(look.device, static_cast<int>(format_tarn_options.force));
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Failed to open fat_device: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    look.open = true;
+    if (!is_regular_file) {
+        uint64_t start = 0;
+        r = qfs_device_get_partition_start_sector(look.device, &start);
+        if (r == ENOENT) {
+            start = 0; // a whole device has no partition start
+        } else if (r != QFS_OK) {
+            QFS_LOG_ERROR_AS(main_function, "Error while getting device start sector: %lu (%s)", QFS_ERR_ARGS(r));
+            return r;
+        }
+        if (start != 0) {
+            QFS_LOG_ERROR_AS(main_function,
+                             "Device '%s' seems to be a partition. This tool should only be run on top-level "
+                             "block devices.",
+                             path);
+            return QFS_ERR_INVALID_PARAMETER;
+        }
+    }
+    uint64_t sectors = 0;
+    r = qfs_device_get_size_in_sectors(look.device, 512, &sectors);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error while getting device sector count: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    r = qfs_device_close(look.device);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error while closing device: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    look.open = false;
+    qfs_device_destroy(&look.device); // the runs open the device anew; a failure here is ignored
+    *out_sectors = sectors;
+    return QFS_OK;
+}
+
+void release_inspection(inspection &look, qfs_first_error &result) {
+    if (look.device == nullptr) {
+        return;
+    }
+    if (look.open) {
+        const qfs_result r = qfs_device_close(look.device);
+        if (r != QFS_OK) {
+            QFS_LOG_ERROR_AS(main_function, "Error while attempting to close open device at cleanup: %lu (%s)",
+                             QFS_ERR_ARGS(r));
+            result.keep(r);
+        }
+        look.open = false;
+    }
+    const qfs_result r = qfs_device_destroy(&look.device);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Error while attempting to destroy device handle at cleanup: %lu (%s)",
+                         QFS_ERR_ARGS(r));
+        result.keep(r);
+    }
+}
+
+void print_volume_information(const format_output_context &output, const char *path, uint64_t sectors) {
+    fprintf(stderr, "%s formatting of \"%s\" was successfully completed.\n", class_name(sectors), path);
+    fflush(stderr);
+    fputs("Volume information:\n", stderr);
+    fflush(stderr);
+    fprintf(stderr, "\tFile system: %s\n", output.fs_type ? output.fs_type : "");
+    fflush(stderr);
+    format_print_size_line("\tCapacity: ", output.device_total_bytes);
+    format_print_size_line("\tFree space: ", output.fs_bytes_free);
+    format_print_size_line("\tCluster size: ", output.cluster_size);
+    if (format_tarn_options.label_given && output.label != nullptr) {
+        fprintf(stderr, "\tVolume label: %s\n", output.label);
+        fflush(stderr);
+    }
+}
+
+qfs_result format_device(const char *path, format_output_context &output) {
+    const format_options &opts = format_tarn_options;
+    struct stat st {};
+    if (stat(path, &st) != 0) {
+        st = {}; // treated as not a regular file
+    }
+    inspection look;
+    qfs_first_error result;
+    uint64_t sectors = 0;
+    result.keep(inspect_device(look, path, S_ISREG(st.st_mode), &sectors));
+    release_inspection(look, result);
+    if (result.failed()) {
+        return result.result;
+    }
+
+    const bool use_exfat = sectors > exfat_threshold_sectors;
+    const uint32_t discard_mode = opts.secure_discard ? discard_secure : opts.discard ? discard_regular : discard_none;
+
+    format_output_init(stdout, &output);
+    if (opts.progress_bar) {
+        qfs_result r = format_setup_signal_handlers();
+        if (r != QFS_OK) {
+            QFS_LOG_ERROR_AS(main_function, "Error setting up signal handlers: %lu (%s)", QFS_ERR_ARGS(r));
+            return r;
+        }
+        r = get_window_size(&output);
+        if (r != QFS_OK) {
+            QFS_LOG_ERROR_AS(main_function, "Error while getting window size: %lu (%s)", QFS_ERR_ARGS(r));
+            return r;
+        }
+    }
+    format_monitor monitor = make_monitor(&output);
+    qfs_result r = QFS_OK;
+    if (use_exfat) {
+        r = format_tarn_exfat(path, opts.verbose, opts.force, opts.zero, discard_mode, opts.label_given, opts.label,
+                              opts.tca_relax, &monitor);
+    } else {
+        const char *fat_variant = nullptr;
+        r = format_tarn_fat(path, opts.code_page, opts.verbose, opts.force, opts.zero, discard_mode,
+                            opts.label_given, opts.label, opts.tca_relax, opts.tca_align_to_cylinder, &fat_variant,
+                            &monitor);
+    }
+    if (r == QFS_OK) {
+        print_volume_information(output, path, sectors);
+    }
+    return r;
+}
+
+} // namespace
+
+int format_tarn(int argc, char **argv) {
+    print_tca_header(stderr);
+    if (!format_parse_args(argc, argv)) {
+        return 1;
+    }
+    const format_options &opts = format_tarn_options;
+    if (opts.help) {
+        print_help(stdout, argv[0]);
+        return 0;
+    }
+    if (opts.about) {
+        print_about(stdout);
+        return 0;
+    }
+    if (opts.progress_bar && !isatty(STDOUT_FILENO)) {
+        fputs("Error: Cannot specify --progress-bar option when standard output does not refer to a terminal.\n",
+              stderr);
+        return 1;
+    }
+    if (opts.update_check) {
+        return run_update_check() == QFS_OK ? 0 : 1;
+    }
+    format_output_context output{};
+    const qfs_result r = format_device(opts.device, output);
+    format_output_release(&output);
+    return r == QFS_OK ? 0 : 1;
+}
