@@ -1,0 +1,57 @@
+// Opening an exFAT volume: the boot sector checks, the boot-region
+// checksums, the cached values, the root directory's records, the up-case
+// table, the allocation count and the dirty flag.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "device/qfs_device.h"
+#include "support/qfs_error.h"
+
+struct exfat_volume;
+
+// Create flags.
+enum : uint32_t {
+    EXFAT_VOLUME_READ_ONLY = 1,
+    EXFAT_VOLUME_IGNORE_MEDIA_FAILURE = 4,
+    EXFAT_VOLUME_DO_NOT_MARK_DIRTY = 8,
+    EXFAT_VOLUME_TIME_MODE_MASK = (1u << 20) | (1u << 21),
+};
+
+// Opens the volume on `device`. With *inout_volume null a volume object is
+// allocated; otherwise the caller's object (from exfat_volume_allocate) is used.
+qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume **inout_volume);
+// Synchronises the boot sector fields, settles the dirty state and closes the
+// device when the volume opened it.
+qfs_result exfat_volume_close(exfat_volume *volume);
+qfs_result exfat_volume_destroy(exfat_volume **volume);
+// A zeroed volume object for callers that preallocate.
+qfs_result exfat_volume_allocate(exfat_volume **out_volume);
+
+qfs_result exfat_volume_update_percent_in_use(exfat_volume *volume);
+qfs_result exfat_volume_set_dirty(exfat_volume *volume);
+qfs_result exfat_volume_clear_dirty(exfat_volume *volume);
+
+// What the volume reports once open.
+struct exfat_volume_info {
+    uint8_t revision_major;
+    uint8_t revision_minor;
+    uint32_t serial_number;
+    uint8_t number_of_fats;
+    uint8_t active_fat;
+    bool dirty;
+    uint32_t bytes_per_sector;
+    uint32_t cluster_size;
+    uint32_t fat_offset;
+    uint32_t fat_length;
+    uint32_t cluster_heap_offset;
+    uint32_t cluster_count;
+    uint32_t root_first_cluster;
+    uint64_t volume_length;
+    uint64_t free_clusters;
+    bool upcase_from_volume; // false when the built-in copy serves the standard checksum
+};
+qfs_result exfat_volume_get_info(const exfat_volume *volume, exfat_volume_info *out_info);
+// The label as UTF-8; empty when the volume has none. Owned by the volume.
+const char *exfat_volume_get_label(const exfat_volume *volume);
