@@ -181,16 +181,4 @@ TEST_F(ChainedTable, DestroyCallsTheDestructorOnceForEveryValue) {
     EXPECT_EQ(destroyed, expected);
 }
 
-TEST_F(ChainedTable, DestroyWarnsWhenTheCountDisagrees) {
-    table_holder h;
-    ASSERT_EQ(qfs_util_hashtable_create(8, 8, 0, nullptr, &h.table), QFS_OK);
-    const uint64_t key = 3;
-    ASSERT_EQ(qfs_util_hashtable_insert(h.table, &key, 8, nullptr, 0), QFS_OK);
-    h.table->count += 2; // as if two items had gone missing
-    testing::internal::CaptureStderr();
-    qfs_util_hashtable_destroy(&h.table);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[WARNING] Non-zero hash set item count after destroy: 2 (before: 3)\n");
-}
-
 } // namespace
