@@ -1,0 +1,92 @@
+// Shared pieces of the device tests: an owning device handle, a byte pattern
+// that shows misplaced bytes, and a child process that holds a file.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "device/qfs_device.h"
+#include "support/qfs_logging.h"
+
+namespace qfs_device_test {
+
+// Closes and destroys the device when the test ends, also after a failed assertion.
+struct device_handle {
+    qfs_device *device = nullptr;
+    device_handle() = default;
+    device_handle(const device_handle &) = delete;
+    device_handle &operator=(const device_handle &) = delete;
+    ~device_handle() { reset(); }
+    void reset() {
+        if (device == nullptr) return;
+        if (device->flags & QFS_DEVICE_FLAG_OPEN) qfs_device_close(device);
+        qfs_device_destroy(&device);
+    }
+    qfs_device *operator->() const { return device; }
+    operator qfs_device *() const { return device; }
+};
+
+// Every test here keeps its log lines out of the kernel log.
+class device_test : public testing::Test {
+protected:
+    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
+    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
+};
+
+// A byte sequence with period 251, so a byte moved by any power of two shows.
+inline std::vector<uint8_t> pattern(size_t length, uint64_t first = 0) {
+    std::vector<uint8_t> bytes(length);
+    for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<uint8_t>((first + i) % 251 + 1);
+    return bytes;
+}
+
+// A forked child that takes hold of something (a lock, an exclusive open)
+// and keeps it until this object dies; the child is always reaped.
+class held_by_child {
+public:
+    // `hold` runs in the child and may only make async-signal-safe calls.
+    template <typename Hold> explicit held_by_child(Hold hold) {
+        int ready[2];
+        int release[2];
+        if (pipe(ready) != 0 || pipe(release) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(ready[0]);
+            close(release[1]);
+            const char answer = hold() ? 'y' : 'n';
+            if (write(ready[1], &answer, 1) != 1) _exit(1);
+            char ignored;
+            while (read(release[0], &ignored, 1) > 0) {
+            }
+            _exit(0);
+        }
+        close(ready[1]);
+        close(release[0]);
+        release_fd_ = release[1];
+        char answer = 'n';
+        if (pid_ > 0 && read(ready[0], &answer, 1) == 1) holding_ = answer == 'y';
+        close(ready[0]);
+    }
+    ~held_by_child() {
+        if (release_fd_ >= 0) close(release_fd_);
+        if (pid_ > 0) {
+            int status = 0;
+            waitpid(pid_, &status, 0);
+        }
+    }
+    held_by_child(const held_by_child &) = delete;
+    held_by_child &operator=(const held_by_child &) = delete;
+    bool holding() const { return holding_; }
+
+private:
+    pid_t pid_ = -1;
+    int release_fd_ = -1;
+    bool holding_ = false;
+};
+
+} // namespace qfs_device_test
