@@ -20,6 +20,8 @@ struct whole_output_case {
     std::string err;
 };
 
+void PrintTo(const whole_output_case &c, std::ostream *os) { *os << c.name; }
+
 class WholeOutput : public ::testing::TestWithParam<whole_output_case> {};
 
 TEST_P(WholeOutput, StreamsAndExitStatus) {
@@ -69,6 +71,7 @@ TEST(Cli, MissingDeviceIsReportedAndNothingIsCreated) {
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, banner + "[ERROR] Failed to stat device \"" + path + "\": 2 (No such file or directory)\n" +
+                         "[ERROR] Error while initializing device implementation: 2 (No such file or directory)\n"
                          "[ERROR] Failed to create fat_device: 2 (No such file or directory)\n");
     EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
