@@ -185,4 +185,36 @@ TEST_F(UnixIoImage, BlockDeviceRequestsFailOnImagesWithTheirErrno) {
     EXPECT_EQ(qfs_test::image_fingerprint(image), before);
 }
 
+TEST_F(UnixIoImage, ClearingThePartitionTableWipesTwoSectorsThroughTheDevice) {
+    const std::string image = dir_.file("card.img");
+    qfs_test::make_filled_image(image, 8192, 0x3C);
+    struct clear_case {
+        const char *name;
+        uint64_t flags;
+        qfs_result result;
+        const char *message;
+    };
+    constexpr clear_case cases[] = {
+        // Both sectors are zeroed, then the kernel cannot re-read an image's table.
+        {"writable", 0, ENOTTY,
+         "[ERROR] Error while refreshing partition table info in kernel: 25 (Inappropriate ioctl for device)\n"},
+        {"read-only", QFS_DEVICE_FLAG_READ_ONLY, QFS_ERR_DEVICE_READ_ONLY,
+         "[ERROR] Error while clearing MBR: 11 (QFS_ERR_DEVICE_READ_ONLY)\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        qfs_test::make_filled_image(image, 8192, 0x3C);
+        device_handle dev;
+        ASSERT_EQ(qfs_device_create_default(image.c_str(), c.flags, &dev.device), QFS_OK);
+        ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(qfs_device_clear_partition_table(dev, nullptr), c.result);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.message);
+        ASSERT_EQ(qfs_device_close(dev), QFS_OK);
+        std::vector<uint8_t> expected(8192, 0x3C);
+        if (c.result == ENOTTY) std::fill(expected.begin(), expected.begin() + 1024, 0);
+        EXPECT_EQ(qfs_test::read_bytes(image, 0, 8192), expected);
+    }
+}
+
 } // namespace
