@@ -281,30 +281,34 @@ qfs_result format_device(const char *path, format_output_context &output) {
 
 } // namespace
 
-int format_tarn(int argc, char **argv) {
+qfs_result _qfs_main(int argc, char **argv) {
     print_tca_header(stderr);
     if (!format_parse_args(argc, argv)) {
-        return 1;
+        return QFS_ERR_INVALID_PARAMETER;
     }
     const format_options &opts = format_tarn_options;
     if (opts.help) {
         print_help(stdout, argv[0]);
-        return 0;
+        return QFS_OK;
     }
     if (opts.about) {
         print_about(stdout);
-        return 0;
+        return QFS_OK;
     }
     if (opts.progress_bar && !isatty(STDOUT_FILENO)) {
         fputs("Error: Cannot specify --progress-bar option when standard output does not refer to a terminal.\n",
               stderr);
-        return 1;
+        return QFS_ERR_INVALID_PARAMETER;
     }
     if (opts.update_check) {
-        return run_update_check() == QFS_OK ? 0 : 1;
+        return run_update_check();
     }
     format_output_context output{};
     const qfs_result r = format_device(opts.device, output);
     format_output_release(&output);
-    return r == QFS_OK ? 0 : 1;
+    return r;
+}
+
+int format_tarn(int argc, char **argv) {
+    return _qfs_main(argc, argv) == QFS_OK ? 0 : 1;
 }
