@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "device/qfs_device.h"
-#include "device_test_support.h"
+#include "harness/device_handle.h"
 #include "harness/temp_files.h"
 #include "harness/trace_capture.h"
 

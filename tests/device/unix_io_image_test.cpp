@@ -7,7 +7,7 @@
 
 #include "device/qfs_device.h"
 #include "device/qfs_device_unix_io.h"
-#include "device_test_support.h"
+#include "harness/device_handle.h"
 #include "harness/temp_files.h"
 #include "harness/trace_capture.h"
 

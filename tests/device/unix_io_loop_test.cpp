@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "device/qfs_device.h"
-#include "device_test_support.h"
+#include "harness/device_handle.h"
 #include "harness/loop_device.h"
 #include "harness/process.h"
 #include "harness/temp_files.h"

@@ -18,12 +18,21 @@ std::string loop_devices_unavailable() {
 }
 
 std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not) {
+    return attach(image, why_not, options{});
+}
+
+std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not, const options &how) {
     const std::string reason = loop_devices_unavailable();
     if (!reason.empty()) {
         *why_not = reason;
         return nullptr;
     }
-    run_result r = run_command({"losetup", "--find", "--show", image});
+    std::vector<std::string> losetup{"losetup", "--find", "--show"};
+    if (how.read_only) losetup.push_back("--read-only");
+    if (how.offset) losetup.insert(losetup.end(), {"--offset", std::to_string(how.offset)});
+    if (how.sector_size) losetup.insert(losetup.end(), {"--sector-size", std::to_string(how.sector_size)});
+    losetup.push_back(image);
+    run_result r = run_command(losetup);
     if (r.exit_status != 0) {
         *why_not = "losetup failed: " + r.err;
         return nullptr;

@@ -3,6 +3,7 @@
 // failed assertion.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,8 +12,14 @@ namespace qfs_test {
 
 class loop_device {
 public:
+    struct options {
+        uint64_t offset = 0;      // first byte of the image the device shows (a partition seen on its own)
+        bool read_only = false;
+        uint32_t sector_size = 0; // logical sector size; 0 keeps the default of 512
+    };
     // Attaches `image`; null with `why_not` filled when loop devices cannot be had here.
     static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not);
+    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not, const options &how);
     ~loop_device();
     loop_device(const loop_device &) = delete;
     loop_device &operator=(const loop_device &) = delete;
@@ -36,6 +43,15 @@ private:
 std::string loop_devices_unavailable();
 
 } // namespace qfs_test
+
+// Attaches `image` as `var` (with loop_device::options), or skips the test with the reason.
+#define QFS_ATTACH_LOOP_OR_SKIP_WITH(var, image, ...)                         \
+    std::unique_ptr<qfs_test::loop_device> var;                               \
+    do {                                                                      \
+        std::string why_not_;                                                 \
+        var = qfs_test::loop_device::attach(image, &why_not_, __VA_ARGS__);   \
+        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;   \
+    } while (0)
 
 // Attaches `image` as `var`, or skips the test with the reason.
 #define QFS_ATTACH_LOOP_OR_SKIP(var, image)                                   \
