@@ -17,13 +17,17 @@ std::string loop_devices_unavailable() {
     return "";
 }
 
-std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not) {
+std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not,
+                                                 loop_access access) {
     const std::string reason = loop_devices_unavailable();
     if (!reason.empty()) {
         *why_not = reason;
         return nullptr;
     }
-    run_result r = run_command({"losetup", "--find", "--show", image});
+    std::vector<std::string> command{"losetup", "--find", "--show"};
+    if (access == loop_access::read_only) command.push_back("--read-only");
+    command.push_back(image);
+    run_result r = run_command(command);
     if (r.exit_status != 0) {
         *why_not = "losetup failed: " + r.err;
         return nullptr;
@@ -39,9 +43,14 @@ void loop_device::scan_partitions() {
     if (have_program("udevadm")) run_command({"udevadm", "settle"});
 }
 
-std::string loop_device::mount(const std::string &device, const std::string &directory) {
+std::string loop_device::mount(const std::string &device, const std::string &directory,
+                               const std::string &options) {
     must_run({"mkdir", "-p", directory});
-    must_run({"mount", device, directory});
+    if (options.empty()) {
+        must_run({"mount", device, directory});
+    } else {
+        must_run({"mount", "-o", options, device, directory});
+    }
     mount_points_.push_back(directory);
     return directory;
 }

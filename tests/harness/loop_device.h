@@ -9,10 +9,15 @@
 
 namespace qfs_test {
 
+// A read-only loop device is write-protected by the kernel, like a card with
+// its lock switch set: nothing a program does can change the image.
+enum class loop_access { read_write, read_only };
+
 class loop_device {
 public:
     // Attaches `image`; null with `why_not` filled when loop devices cannot be had here.
-    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not);
+    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not,
+                                               loop_access access = loop_access::read_write);
     ~loop_device();
     loop_device(const loop_device &) = delete;
     loop_device &operator=(const loop_device &) = delete;
@@ -22,8 +27,9 @@ public:
     std::string partition(int n) const { return path_ + "p" + std::to_string(n); }
     // Makes the kernel create the partition devices (partx -a).
     void scan_partitions();
-    // Mounts `device` (this device or one of its partitions) on a new directory; undone at destruction.
-    std::string mount(const std::string &device, const std::string &directory);
+    // Mounts `device` (this device or one of its partitions) on a new directory, with mount
+    // options such as "ro" when given; undone at destruction.
+    std::string mount(const std::string &device, const std::string &directory, const std::string &options = "");
 
 private:
     explicit loop_device(std::string path) : path_(std::move(path)) {}
@@ -37,11 +43,11 @@ std::string loop_devices_unavailable();
 
 } // namespace qfs_test
 
-// Attaches `image` as `var`, or skips the test with the reason.
-#define QFS_ATTACH_LOOP_OR_SKIP(var, image)                                   \
-    std::unique_ptr<qfs_test::loop_device> var;                               \
-    do {                                                                      \
-        std::string why_not_;                                                 \
-        var = qfs_test::loop_device::attach(image, &why_not_);                \
-        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;   \
+// Attaches `image` as `var` (optionally with a loop_access), or skips the test with the reason.
+#define QFS_ATTACH_LOOP_OR_SKIP(var, image, ...)                                       \
+    std::unique_ptr<qfs_test::loop_device> var;                                        \
+    do {                                                                               \
+        std::string why_not_;                                                          \
+        var = qfs_test::loop_device::attach(image, &why_not_ __VA_OPT__(, ) __VA_ARGS__); \
+        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;            \
     } while (0)
