@@ -23,4 +23,10 @@ inline const std::string about_text =
     "Authors:\n"
     "    Quorvex Inc. Storage Software Team\n";
 
+// What the FAT run answers in this build. A run that ends in it has passed
+// every device check; the FAT engine is not part of the build yet.
+inline const std::string fat_not_available =
+    "[ERROR] FAT formatting (cards of up to 66945024 sectors) is not available in this version: "
+    "5 (QFS_ERR_NOT_IMPLEMENTED)\n";
+
 } // namespace qfs_test

@@ -306,7 +306,7 @@ TEST_F(ExfatEngine, FourKibSectors) {
     // A device with 4096-byte logical sectors: the boot sector's bytes 512-4095
     // are zero and every extended boot sector ends in 55 AA at 4094/4095.
     const std::string path = image(256 * mib);
-    QFS_ATTACH_LOOP_OR_SKIP_WITH(device, path, {.sector_size = 4096});
+    QFS_ATTACH_LOOP_OR_SKIP(device, path, {.sector_size = 4096});
     format_request request;
     request.tca_whole = false;
     request.give_sector_size_without_tca = false; // the device tells its own

@@ -48,9 +48,14 @@ void loop_device::scan_partitions() {
     if (have_program("udevadm")) run_command({"udevadm", "settle"});
 }
 
-std::string loop_device::mount(const std::string &device, const std::string &directory) {
+std::string loop_device::mount(const std::string &device, const std::string &directory,
+                               const std::string &options) {
     must_run({"mkdir", "-p", directory});
-    must_run({"mount", device, directory});
+    if (options.empty()) {
+        must_run({"mount", device, directory});
+    } else {
+        must_run({"mount", "-o", options, device, directory});
+    }
     mount_points_.push_back(directory);
     return directory;
 }

@@ -14,7 +14,7 @@ class loop_device {
 public:
     struct options {
         uint64_t offset = 0;      // first byte of the image the device shows (a partition seen on its own)
-        bool read_only = false;
+        bool read_only = false;   // write-protected by the kernel, like a card with its lock switch set
         uint32_t sector_size = 0; // logical sector size; 0 keeps the default of 512
     };
     // Attaches `image`; null with `why_not` filled when loop devices cannot be had here.
@@ -29,8 +29,9 @@ public:
     std::string partition(int n) const { return path_ + "p" + std::to_string(n); }
     // Makes the kernel create the partition devices (partx -a).
     void scan_partitions();
-    // Mounts `device` (this device or one of its partitions) on a new directory; undone at destruction.
-    std::string mount(const std::string &device, const std::string &directory);
+    // Mounts `device` (this device or one of its partitions) on a new directory, with mount
+    // options such as "ro" when given; undone at destruction.
+    std::string mount(const std::string &device, const std::string &directory, const std::string &options = "");
 
 private:
     explicit loop_device(std::string path) : path_(std::move(path)) {}
@@ -44,20 +45,11 @@ std::string loop_devices_unavailable();
 
 } // namespace qfs_test
 
-// Attaches `image` as `var` (with loop_device::options), or skips the test with the reason.
-#define QFS_ATTACH_LOOP_OR_SKIP_WITH(var, image, ...)                         \
-    std::unique_ptr<qfs_test::loop_device> var;                               \
-    do {                                                                      \
-        std::string why_not_;                                                 \
-        var = qfs_test::loop_device::attach(image, &why_not_, __VA_ARGS__);   \
-        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;   \
-    } while (0)
-
-// Attaches `image` as `var`, or skips the test with the reason.
-#define QFS_ATTACH_LOOP_OR_SKIP(var, image)                                   \
-    std::unique_ptr<qfs_test::loop_device> var;                               \
-    do {                                                                      \
-        std::string why_not_;                                                 \
-        var = qfs_test::loop_device::attach(image, &why_not_);                \
-        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;   \
+// Attaches `image` as `var` (optionally with loop_device::options), or skips the test with the reason.
+#define QFS_ATTACH_LOOP_OR_SKIP(var, image, ...)                                       \
+    std::unique_ptr<qfs_test::loop_device> var;                                        \
+    do {                                                                               \
+        std::string why_not_;                                                          \
+        var = qfs_test::loop_device::attach(image, &why_not_ __VA_OPT__(, ) __VA_ARGS__); \
+        if (!var) GTEST_SKIP() << "loop devices unavailable: " << why_not_;            \
     } while (0)

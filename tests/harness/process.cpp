@@ -115,6 +115,7 @@ run_result run_command(const std::vector<std::string> &argv, const run_options &
         }
     }
     result.exit_status = wait_status(pid);
+    result.pid = static_cast<int>(pid);
     return result;
 }
 

@@ -11,6 +11,7 @@ namespace qfs_test {
 
 struct run_result {
     int exit_status = -1; // exit code, or -1 when killed by a signal
+    int pid = -1;         // the child's process id, as its log lines name it
     std::string out;
     std::string err;
 };

@@ -1,0 +1,177 @@
+// The main flow's device checks on real block devices (loop devices, root
+// only): a mounted, busy or partition device is refused before anything is
+// written, seen both as the tool's streams and exit status and as the result
+// code of the main flow run in-process.
+//
+// Wherever a run may get past the checks the loop device is read-only, so the
+// kernel itself keeps the test's file systems intact whatever the tool does.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/cli_texts.h"
+#include "cli/in_process_run.h"
+#include "harness/device_handle.h"
+#include "harness/loop_device.h"
+#include "harness/process.h"
+#include "harness/temp_files.h"
+#include "support/qfs_logging.h"
+
+namespace {
+
+using qfs_test::banner;
+using qfs_test::fat_not_available;
+
+// 32768 sectors of 512 bytes: a "Tarn" card, so a run past the checks takes the FAT path.
+constexpr uint64_t card_size = 16 << 20;
+// The sfdisk script of a partitioned card: one partition at sector 2048, 8192 sectors long.
+constexpr const char *partition_script = "start=2048, size=8192, type=83\n";
+
+std::string mounted_refusal(const std::string &path) {
+    return "Warning: " + path + " is mounted.\nRefusing to create a new filesystem on a mounted device.\n";
+}
+
+std::string busy_refusal(const std::string &path) {
+    return "Warning: " + path + " is in use.\nRefusing to create a new filesystem on a busy device.\n";
+}
+
+std::string partition_refusal(const std::string &path) {
+    return "[ERROR] Device '" + path +
+           "' seems to be a partition. This tool should only be run on top-level block devices.\n";
+}
+
+// True when an exclusive open fails with EBUSY: someone, maybe the kernel, holds the device.
+bool held_exclusively(const std::string &path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_EXCL);
+    if (fd >= 0) {
+        close(fd);
+        return false;
+    }
+    return errno == EBUSY;
+}
+
+class DeviceChecks : public testing::Test {
+protected:
+    // In-process runs keep their log lines out of the kernel log.
+    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
+    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
+
+    // A sparse card with marked bytes at both ends, so the fingerprint covers them.
+    std::string make_card() {
+        const std::string image = dir_.file("card.img");
+        qfs_test::make_sparse_image(image, card_size);
+        qfs_test::write_bytes(image, 0, qfs_device_test::pattern(4096));
+        qfs_test::write_bytes(image, card_size - 4096, qfs_device_test::pattern(4096, 7));
+        return image;
+    }
+
+    // `device` is refused with `message` (after the banner) and exit status 1,
+    // and in-process with `code`; `image` behind it keeps every byte.
+    void expect_refusal(const std::string &device, const std::string &image, const std::string &message,
+                        qfs_result code) {
+        SCOPED_TRACE(device);
+        const std::string before = qfs_test::image_fingerprint(image);
+        const auto tool = qfs_test::run_tool({device});
+        EXPECT_EQ(tool.exit_status, 1);
+        EXPECT_EQ(tool.out, "");
+        EXPECT_EQ(tool.err, banner + message);
+        const auto flow = qfs_test::run_main_flow({device});
+        EXPECT_EQ(flow.result, code);
+        EXPECT_EQ(flow.out, "");
+        EXPECT_EQ(flow.err, message);
+        EXPECT_EQ(qfs_test::image_fingerprint(image), before);
+    }
+
+    qfs_test::temp_dir dir_;
+};
+
+TEST_F(DeviceChecks, MountedDeviceIsRefusedUnlessForced) {
+    if (!qfs_test::have_program("mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 is not installed";
+    const std::string image = dir_.file("card.img");
+    qfs_test::make_sparse_image(image, card_size);
+    qfs_test::must_run({"mkfs.ext4", "-q", "-F", image});
+    const std::string before = qfs_test::image_fingerprint(image);
+    {
+        QFS_ATTACH_LOOP_OR_SKIP(loop, image, {.read_only = true});
+        const std::string device = loop->path();
+        loop->mount(device, dir_.file("mnt"), "ro");
+        // A mount holds its block device exclusively: this device is mounted and busy at
+        // once, and the refusal names only the mount.
+        ASSERT_TRUE(held_exclusively(device));
+
+        expect_refusal(device, image, mounted_refusal(device), 22 /* EINVAL */);
+
+        const auto forced = qfs_test::run_tool({"-f", device});
+        EXPECT_EQ(forced.exit_status, 1);
+        EXPECT_EQ(forced.out, "");
+        EXPECT_EQ(forced.err,
+                  banner + "Warning: " + device + " is mounted.\nformat_tarn is forced anyway.\n" + fat_not_available);
+    }
+    // Unmounted and detached: not a byte of the file system changed.
+    EXPECT_EQ(qfs_test::image_fingerprint(image), before);
+}
+
+TEST_F(DeviceChecks, DeviceHeldByAnotherProcessIsRefusedAsBusy) {
+    const std::string image = make_card();
+    QFS_ATTACH_LOOP_OR_SKIP(loop, image, {.read_only = true});
+    const char *device = loop->path().c_str();
+    qfs_device_test::held_by_child holder([device] { return open(device, O_RDONLY | O_EXCL) >= 0; });
+    ASSERT_TRUE(holder.holding());
+
+    expect_refusal(loop->path(), image, busy_refusal(loop->path()), 16 /* EBUSY */);
+}
+
+TEST_F(DeviceChecks, CardWithAMountedPartitionIsBusyAndItsPartitionMounted) {
+    if (!qfs_test::have_program("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
+    if (!qfs_test::have_program("mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 is not installed";
+    const std::string image = make_card();
+    qfs_test::run_options script;
+    script.input = partition_script;
+    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, script).exit_status, 0);
+    QFS_ATTACH_LOOP_OR_SKIP(loop, image);
+    loop->scan_partitions();
+    qfs_test::must_run({"mkfs.ext4", "-q", "-F", loop->partition(1)});
+    // Read-only, so the mount writes nothing that would blur the byte comparison.
+    loop->mount(loop->partition(1), dir_.file("mnt"), "ro");
+    // The mount table names the partition, not the card, but the kernel counts a
+    // claimed partition as a claim on its whole disk.
+    ASSERT_TRUE(held_exclusively(loop->path()));
+
+    expect_refusal(loop->path(), image, busy_refusal(loop->path()), 16 /* EBUSY */);
+    expect_refusal(loop->partition(1), image, mounted_refusal(loop->partition(1)), 22 /* EINVAL */);
+}
+
+TEST_F(DeviceChecks, PartitionIsRefusedAndTheWholeDeviceIsNot) {
+    if (!qfs_test::have_program("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
+    const std::string image = make_card();
+    qfs_test::run_options script;
+    script.input = partition_script;
+    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, script).exit_status, 0);
+    QFS_ATTACH_LOOP_OR_SKIP(loop, image, {.read_only = true});
+    loop->scan_partitions();
+
+    // The internal code counts down from 0x7FFFFFFE; its printable number is 3.
+    static_assert(QFS_ERR_INVALID_PARAMETER == 0x7FFFFFFF - 3);
+    expect_refusal(loop->partition(1), image, partition_refusal(loop->partition(1)), QFS_ERR_INVALID_PARAMETER);
+
+    // The whole device has no start entry in sysfs; the run goes on to the FAT run.
+    struct stat info = {};
+    ASSERT_EQ(stat(loop->path().c_str(), &info), 0);
+    const std::string entry = "/sys/dev/block/" + std::to_string(major(info.st_rdev)) + ":" +
+                              std::to_string(minor(info.st_rdev)) + "/start";
+    ASSERT_NE(access(entry.c_str(), F_OK), 0);
+    ASSERT_EQ(errno, ENOENT);
+    const std::string before = qfs_test::image_fingerprint(image);
+    const auto whole = qfs_test::run_tool({loop->path()});
+    EXPECT_EQ(whole.exit_status, 1);
+    EXPECT_EQ(whole.out, "");
+    EXPECT_EQ(whole.err, banner + fat_not_available);
+    EXPECT_EQ(qfs_test::image_fingerprint(image), before);
+}
+
+} // namespace
