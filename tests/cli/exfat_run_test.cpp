@@ -2,6 +2,8 @@
 // lines, the terminal bar and zero-filling.
 #include <gtest/gtest.h>
 
+#include <sys/statvfs.h>
+
 #include <regex>
 
 #include "cli/cli_texts.h"
@@ -200,6 +202,42 @@ TEST_F(ExfatRun, TerminalBarInAPseudoTerminal) {
     EXPECT_EQ(r.output.substr(r.output.size() - finish.size()), finish);
     EXPECT_NE(r.output.find("\r\x1b[A"), std::string::npos) << "cursor up between updates";
     EXPECT_NE(r.err.find("TNC formatting of"), std::string::npos);
+}
+
+} // namespace
+
+namespace {
+
+// Writes the whole smallest card (32 GiB) for real: run once, in the plain
+// build only, and only where the disk has room for it.
+TEST_F(ExfatRun, OverwriteZeroesEverythingButTheCardsOemParameters) {
+#if defined(QFS_SANITIZED)
+    GTEST_SKIP() << "the full overwrite runs in the plain build; the sanitizers add nothing to this I/O path";
+#endif
+    struct statvfs fs {};
+    ASSERT_EQ(statvfs(dir.path().c_str(), &fs), 0);
+    const uint64_t card_bytes = smallest_card_sectors * 512;
+    if (static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize < card_bytes + 8 * 1024 * mib)
+        GTEST_SKIP() << "not enough free disk space for a 32 GiB overwrite";
+    const std::string path = card(smallest_card_sectors);
+    const std::vector<uint8_t> old(mib, 0xAA);
+    // Old bytes throughout the card: every 1 GiB, around the structures and at both ends.
+    std::vector<uint64_t> windows = {0, 32768 * 512ull + 16 * mib, 32768 * 512ull + 64 * mib, card_bytes - mib};
+    for (uint64_t at = 1024 * mib; at < card_bytes; at += 1024 * mib) windows.push_back(at);
+    for (uint64_t at : windows) qfs_test::write_bytes(path, at, old);
+    const auto r = qfs_test::run_tool({"--overwrite", "--discard", "--tca-formatter-progress", path});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    const auto percents = progress_percents(r.out);
+    ASSERT_FALSE(percents.empty());
+    EXPECT_EQ(percents.back(), 100);
+    EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
+    EXPECT_EQ(r.err.find("Progress mismatch"), std::string::npos);
+    // Structures hold some 0xAA bytes of their own (signatures, the up-case table), so old bytes are looked
+X
+    EXPECT_TRUE(qfs_test::all_zero(path, 512, 32768 * 512ull - 512));
+    EXPECT_TRUE(qfs_test::all_zero(path, 32768 * 512ull + 16 * mib + 1024 * 1024, 64 * mib));
+    for (uint64_t at = 1024 * mib; at < card_bytes; at += 1024 * mib) EXPECT_TRUE(qfs_test::all_zero(path, at, mib)) << at;
+    EXPECT_TRUE(qfs_test::all_zero(path, card_bytes - mib, mib));
 }
 
 } // namespace
