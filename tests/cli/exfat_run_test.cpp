@@ -233,7 +233,8 @@ TEST_F(ExfatRun, OverwriteZeroesEverythingButTheCardsOemParameters) {
     EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
     EXPECT_EQ(r.err.find("Progress mismatch"), std::string::npos);
     // Structures hold some 0xAA bytes of their own (signatures, the up-case table), so old bytes are looked
-X
+    // for only where no structure lies: the alignment region, the heap beyond its first 1 MiB (bitmap,
+    // up-case table and root directory take 384 KiB of it), every gigabyte window and the tail.
     EXPECT_TRUE(qfs_test::all_zero(path, 512, 32768 * 512ull - 512));
     EXPECT_TRUE(qfs_test::all_zero(path, 32768 * 512ull + 16 * mib + 1024 * 1024, 64 * mib));
     for (uint64_t at = 1024 * mib; at < card_bytes; at += 1024 * mib) EXPECT_TRUE(qfs_test::all_zero(path, at, mib)) << at;
