@@ -76,6 +76,34 @@ qfs_result echo_request(const char *device_path, const exfat_label *label) {
     return QFS_OK;
 }
 
+// Formats the open device and proves the result by opening it with the volume code.
+qfs_result format_and_verify(qfs_device *device, uint32_t verbose, uint32_t force, uint32_t zero,
+                             uint32_t discard_mode, const exfat_label *label, uint32_t tca_relax,
+                             format_monitor *monitor) {
+    qfs_result r = exfat_format_volume(device, force != 0, false, zero != 0, false, false, discard_mode, nullptr,
+                                       nullptr, nullptr, nullptr, nullptr, label ? label->units : nullptr,
+                                       label ? label->length : 0, nullptr, nullptr, nullptr, false, true,
+                                       tca_relax != 0, false, monitor);
+    if (r != QFS_OK) {
+        if (verbose) {
+            fprintf(stderr, "Formatting failed: %s\n", qfs_error_text(r));
+        } else {
+            fputs("Formatting failed!\n", stderr);
+        }
+        fflush(stderr);
+        return r;
+    }
+    exfat_volume *volume = nullptr;
+    r = exfat_volume_create(device, 0, &volume);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Generated invalid volume. exfat_volume_create returned: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    exfat_volume_close(volume);
+    exfat_volume_destroy(&volume);
+    return QFS_OK;
+}
+
 } // namespace
 
 qfs_result format_tarn_exfat(const char *device_path, uint32_t verbose, uint32_t force, uint32_t zero,
@@ -99,53 +127,28 @@ qfs_result format_tarn_exfat(const char *device_path, uint32_t verbose, uint32_t
         return r;
     }
     qfs_first_error result;
-    bool open = false;
-    {
-    qfs_cleanup release([&] {
-        if (open) {
-            const qfs_result c = qfs_device_close(device);
-            if (c != QFS_OK) {
-                QFS_LOG_ERROR("Error while attempting to close open device at cleanup: %lu (%s)", QFS_ERR_ARGS(c));
-                result.keep(c);
-            }
-        }
-        const qfs_result d = qfs_device_destroy(&device);
-        if (d != QFS_OK) {
-            QFS_LOG_ERROR("Error while attempting to destroy device handle at cleanup: %lu (%s)", QFS_ERR_ARGS(d));
-            result.keep(d);
-        }
-    });
-
     r = qfs_device_open(device, static_cast<int>(force));
-    if (r != QFS_OK) {
+    const bool open = r == QFS_OK;
+    if (!open) {
         QFS_LOG_ERROR("Failed to open exfat_device: %lu (%s)", QFS_ERR_ARGS(r));
         result.keep(r);
     } else {
-        open = true;
-        r = exfat_format_volume(device, force != 0, false, zero != 0, false, false, discard_mode, nullptr, nullptr,
-                                nullptr, nullptr, nullptr, label_given ? label.units : nullptr, label.length, nullptr,
-                                nullptr, nullptr, false, true, tca_relax != 0, false, monitor);
+        result.keep(format_and_verify(device, verbose, force, zero, discard_mode, label_given ? &label : nullptr,
+                                      tca_relax, monitor));
+    }
+
+    // Cleanup keeps the first error.
+    if (open) {
+        r = qfs_device_close(device);
         if (r != QFS_OK) {
-            if (verbose) {
-                fprintf(stderr, "Formatting failed: %s\n", qfs_error_text(r));
-            } else {
-                fputs("Formatting failed!\n", stderr);
-            }
-            fflush(stderr);
+            QFS_LOG_ERROR("Error while attempting to close open device at cleanup: %lu (%s)", QFS_ERR_ARGS(r));
             result.keep(r);
-        } else {
-            // Prove the result by opening it with the volume code.
-            exfat_volume *volume = nullptr;
-            r = exfat_volume_create(device, 0, &volume);
-            if (r != QFS_OK) {
-                QFS_LOG_ERROR("Generated invalid volume. exfat_volume_create returned: %lu (%s)", QFS_ERR_ARGS(r));
-                result.keep(r);
-            } else {
-                exfat_volume_close(volume);
-                exfat_volume_destroy(&volume);
-            }
         }
     }
-    } // the device is closed and destroyed here, on every path
+    r = qfs_device_destroy(&device);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Error while attempting to destroy device handle at cleanup: %lu (%s)", QFS_ERR_ARGS(r));
+        result.keep(r);
+    }
     return result.result;
 }
