@@ -175,15 +175,18 @@ qfs_result exfat_format_volume(qfs_device *dev, bool force, bool boot_region_unp
         return r;
     }
 
-    exfat_layout_request request{};
-    request.force = force;
-    request.device_sector_size = device_sector_size;
-    request.device_sector_count = device_sector_count;
-    request.sector_size = in_sector_size;
-    request.sector_count = in_sector_count;
-    request.cluster_size = in_cluster_size;
-    request.partition_start_sector = in_partition_start_sector;
-    request.alignment = in_alignment;
+    exfat_layout_request request{
+        .force = force,
+        .device_sector_size = device_sector_size,
+        .device_sector_count = device_sector_count,
+        .sector_size = in_sector_size,
+        .sector_count = in_sector_count,
+        .cluster_size = in_cluster_size,
+        .partition_start_sector = in_partition_start_sector,
+        .alignment = in_alignment,
+        .tca_whole = false,
+        .tca_partition_sector_count = 0,
+    };
 
     tca_settings tca{};
     const bool tca_mode = tca_strict || tca_whole;
@@ -229,17 +232,18 @@ qfs_result exfat_format_volume(qfs_device *dev, bool force, bool boot_region_unp
         return r;
     }
 
-    exfat_write_options options{};
-    options.boot_region_unpadded = boot_region_unpadded;
-    options.zero_data = zero_data;
-    options.no_sync = no_sync;
-    options.compare_before_write = compare_before_write;
-    options.discard_method = discard_method;
-    options.tca_whole = tca_whole;
-    options.tca_partitioning_only = tca_partitioning_only;
-    options.tca = tca_mode ? &tca.param : nullptr;
-    options.tca_partition_start_sector = tca.partition_start;
-    options.tca_partition_sector_count = tca.partition_count;
+    const exfat_write_options options{
+        .boot_region_unpadded = boot_region_unpadded,
+        .zero_data = zero_data,
+        .no_sync = no_sync,
+        .compare_before_write = compare_before_write,
+        .discard_method = discard_method,
+        .tca_whole = tca_whole,
+        .tca_partitioning_only = tca_partitioning_only,
+        .tca = tca_mode ? &tca.param : nullptr,
+        .tca_partition_start_sector = tca.partition_start,
+        .tca_partition_sector_count = tca.partition_count,
+    };
     r = exfat_format_write_structures(dev, layout, images, options, monitor);
     if (r != QFS_OK) {
         format_monitor_error(monitor, "Error while writing volume structures: %lu (%s)", QFS_ERR_ARGS(r));

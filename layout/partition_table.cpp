@@ -23,8 +23,15 @@ qfs_result write_mbr(qfs_device *dev, const tca_param *param, uint32_t start, ui
     (void)exfat_util_generate_serial_number(&disk_signature);
     uint8_t sector[mbr_size];
     mbr_build(sector, *param, start, count, type, disk_signature);
-    return exfat_format_write_with_padding(dev, 0, mbr_size, sector, static_cast<uint64_t>(start) * mbr_size, 0,
-                                           compare_before_write, 0, progress);
+    const qfs_result r = exfat_format_write_with_padding(dev, 0, mbr_size, sector,
+                                                         static_cast<uint64_t>(start) * mbr_size, 0,
+                                                         compare_before_write, 0, progress);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Error while writing out the Master Boot Record and partition alignment region of the whole "
+                      "device: %lu (%s)",
+                      QFS_ERR_ARGS(r));
+    }
+    return r;
 }
 
 void announce(format_progress *progress, const format_monitor *monitor) {
@@ -47,14 +54,8 @@ qfs_result exfat_format_create_tca_partitioning(qfs_device *dev, const tca_param
         return r;
     }
     if (device_sector_count <= TCA_MBR_MAX_SECTORS) {
-        r = write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
-                      static_cast<uint32_t>(partition_sector_count), mbr_type_exfat, compare_before_write, progress);
-        if (r != QFS_OK) {
-            QFS_LOG_ERROR("Error while writing out the Master Boot Record and partition alignment region of the "
-                          "whole device: %lu (%s)",
-                          QFS_ERR_ARGS(r));
-        }
-        return r;
+        return write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
+                         static_cast<uint32_t>(partition_sector_count), mbr_type_exfat, compare_before_write, progress);
     }
     r = exfat_format_partition_gpt(dev, param, partition_start_sector, partition_sector_count, compare_before_write,
                                    progress, monitor);
@@ -78,16 +79,10 @@ qfs_result fat_format_create_tca_partitioning(qfs_device *dev, const tca_param *
     const bool start_fits = partition_start_sector <= UINT32_MAX;
     const bool count_fits = partition_sector_count <= UINT32_MAX;
     if (start_fits && count_fits) {
-        r = write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
-                      static_cast<uint32_t>(partition_sector_count),
-                      fat_partition_type(partition_start_sector, partition_sector_count), compare_before_write,
-                      progress);
-        if (r != QFS_OK) {
-            QFS_LOG_ERROR("Error while writing out the Master Boot Record and partition alignment region of the "
-                          "whole device: %lu (%s)",
-                          QFS_ERR_ARGS(r));
-        }
-        return r;
+        return write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
+                         static_cast<uint32_t>(partition_sector_count),
+                         fat_partition_type(partition_start_sector, partition_sector_count), compare_before_write,
+                         progress);
     }
     if (device_sector_count <= TCA_MBR_MAX_SECTORS) {
         QFS_LOG_CRITICAL("Internal error: Device size is inconsistent with partition start sector or sector count");

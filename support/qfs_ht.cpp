@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/qfs_hash.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
 
@@ -16,20 +17,6 @@ constexpr int max_bits = 31;
 enum class probe_answer { keep_going, found, stop, inserted };
 
 size_t round_up_to_8(size_t bytes) { return (bytes + 7) & ~size_t{7}; }
-
-// Jenkins one-at-a-time over the key bytes, in 32-bit arithmetic.
-uint32_t one_at_a_time(const uint8_t *bytes, size_t length) {
-    uint32_t h = 0;
-    for (size_t i = 0; i < length; ++i) {
-        h += bytes[i];
-        h += h << 10;
-        h ^= h >> 6;
-    }
-    h += h << 3;
-    h ^= h >> 11;
-    h += h << 15;
-    return h;
-}
 
 // Keys live in memory in host order; their words are read the same way.
 uint32_t key_word(const uint8_t *key, size_t offset) {
@@ -70,7 +57,7 @@ template <typename Visitor> probe_answer probe(const qfs_ht *t, const uint8_t *k
         slot = key_word(key, t->hash_word_offset) & t->mask;
         word_index = 0;
     } else {
-        slot = one_at_a_time(key, t->key_size) & t->mask;
+        slot = qfs_one_at_a_time<uint32_t>(key, t->key_size) & t->mask;
         word_index = t->key_size; // past the key: no perturbation
     }
     uint32_t perturbation = 0;

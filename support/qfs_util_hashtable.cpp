@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "support/qfs_hash.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
 
@@ -15,20 +16,6 @@ static_assert(sizeof(void *) <= item_alignment, "a bucket pointer must fit in an
 // A bucket starts with its 64-bit item count.
 constexpr size_t bucket_header_size = sizeof(uint64_t);
 
-// Jenkins one-at-a-time over the key bytes, in 64-bit arithmetic.
-uint64_t one_at_a_time64(const uint8_t *bytes, size_t length) {
-    uint64_t h = 0;
-    for (size_t i = 0; i < length; ++i) {
-        h += bytes[i];
-        h += h << 10;
-        h ^= h >> 6;
-    }
-    h += h << 3;
-    h ^= h >> 11;
-    h += h << 15;
-    return h;
-}
-
 // Saturates so that an impossible size fails in the allocator like any other.
 size_t array_bytes(uint64_t count, size_t item_size) {
     size_t bytes;
@@ -39,7 +26,7 @@ size_t array_bytes(uint64_t count, size_t item_size) {
 }
 
 uint64_t slot_of(const qfs_util_hashtable *t, const void *key) {
-    return one_at_a_time64(static_cast<const uint8_t *>(key), t->key_size) % t->capacity;
+    return qfs_one_at_a_time<uint64_t>(static_cast<const uint8_t *>(key), t->key_size) % t->capacity;
 }
 
 bool holds_single_item(const qfs_util_hashtable *t, uint64_t slot) {
