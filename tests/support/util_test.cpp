@@ -240,3 +240,45 @@ TEST(UtilPath, EmptyElementNeedsNoConversion) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(UtilPath, EncodedElementsAreUtf16) {
+    // "Ä" is C3 84 in UTF-8 and one unit U+00C4; U+1F600 takes a surrogate pair.
+    const char *path = "\xC3\x84x/\xF0\x9F\x98\x80";
+    const char *cursor = path;
+    size_t remaining = strlen(path);
+    uint16_t element[4] = {};
+    size_t length = 4;
+    ASSERT_EQ(qfs_util_next_posix_path_element(&cursor, &remaining, 1, element, &length), QFS_OK);
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(element[0], 0x00C4);
+    EXPECT_EQ(element[1], u'x');
+    length = 4;
+    ASSERT_EQ(qfs_util_next_posix_path_element(&cursor, &remaining, 1, element, &length), QFS_OK);
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(element[0], 0xD83D);
+    EXPECT_EQ(element[1], 0xDE00);
+    EXPECT_EQ(remaining, 0u);
+
+    // Two units do not fit in one; invalid UTF-8 is refused.
+    qfs_log_set_kmsg_enabled(false);
+    cursor = "ab";
+    remaining = 2;
+    length = 1;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qfs_util_next_posix_path_element(&cursor, &remaining, 1, element, &length), QFS_ERR_OVERFLOW);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  "Preallocated buffer is too small to hold the UTF-16 result. *outs_len (1) < shorts (2)"),
+              std::string::npos);
+    cursor = "\xC0\x80";
+    remaining = 2;
+    length = 4;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qfs_util_next_posix_path_element(&cursor, &remaining, 1, element, &length), QFS_ERR_INVALID_DATA);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Error while encoding pathname element string: 15"),
+              std::string::npos);
+    qfs_log_set_kmsg_enabled(true);
+}
+
+} // namespace
