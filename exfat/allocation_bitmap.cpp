@@ -10,6 +10,8 @@
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
 
+namespace ed = exfat_ondisk;
+
 namespace {
 // The bitmap is read in pieces of this size, whatever its length.
 constexpr size_t read_piece = 64 * 1024;
@@ -54,7 +56,8 @@ qfs_result exfat_allocation_bitmap_destroy(exfat_allocation_bitmap **bitmap) {
     return QFS_OK;
 }
 
-qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitmap, uint64_t *out_allocated) {
+qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitmap, const uint32_t *in_use,
+                                                   size_t in_use_count, uint64_t *out_allocated) {
     const uint64_t clusters = bitmap->geometry->cluster_count;
     const uint64_t bytes = (clusters + 7) / 8;
     exfat_cluster_stream *raw_stream = nullptr;
@@ -68,6 +71,7 @@ qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitm
     if (r != QFS_OK) return r;
 
     uint64_t allocated = 0;
+    size_t next_in_use = 0;
     for (uint64_t done = 0; done < bytes;) {
         const size_t want = static_cast<size_t>(std::min<uint64_t>(bytes - done, read_piece));
         size_t got = 0;
@@ -77,6 +81,16 @@ qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitm
             QFS_LOG_ERROR("Inconsistency: Allocation bitmap chain ends after %llu of %llu bytes.",
                           static_cast<unsigned long long>(done + got), static_cast<unsigned long long>(bytes));
             return EIO;
+        }
+        // Bit i of the bitmap stands for cluster i + 2.
+        const uint64_t end_bit = (done + got) * 8;
+        for (; next_in_use < in_use_count && in_use[next_in_use] - ed::first_data_cluster < end_bit; ++next_in_use) {
+            const uint64_t bit = in_use[next_in_use] - ed::first_data_cluster - done * 8;
+            if ((piece[bit / 8] & (1u << (bit % 8))) == 0) {
+                QFS_LOG_ERROR("Inconsistency: Cluster %lu of the volume's metadata is not marked as allocated.",
+                              static_cast<unsigned long>(in_use[next_in_use]));
+                return EIO;
+            }
         }
         for (size_t i = 0; i < got; ++i) {
             uint8_t byte = piece[i];

@@ -19,5 +19,8 @@ qfs_result exfat_allocation_bitmap_create(qfs_device *device, const exfat_geomet
 qfs_result exfat_allocation_bitmap_destroy(exfat_allocation_bitmap **bitmap);
 
 // Reads the bitmap from the device and counts the set bits of clusters
-// 2 to cluster count + 1; bits past the last cluster are not counted.
-qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitmap, uint64_t *out_allocated);
+// 2 to cluster count + 1; bits past the last cluster are not counted. Every
+// cluster of `in_use` (ascending, `in_use_count` of them), the clusters the
+// volume's own metadata occupies, must be marked: one that is not fails with EIO.
+qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitmap, const uint32_t *in_use,
+                                                   size_t in_use_count, uint64_t *out_allocated);

@@ -101,3 +101,26 @@ qfs_result exfat_fat_count_chain(exfat_fat *fat, uint32_t first, uint32_t *out_c
     *out_count = count;
     return QFS_OK;
 }
+
+qfs_result exfat_fat_append_chain(exfat_fat *fat, uint32_t first, uint32_t max_clusters,
+                                  std::vector<uint32_t> *clusters) {
+    if (!exfat_geometry_cluster_is_valid(fat->geometry, first)) {
+        QFS_LOG_ERROR("Inconsistency: Cluster chain starts outside the cluster heap (%lu).",
+                      static_cast<unsigned long>(first));
+        return EIO;
+    }
+    try {
+        uint32_t cluster = first;
+        for (uint32_t n = 0; n < max_clusters && cluster != ed::fat_end_of_chain; ++n) {
+            clusters->push_back(cluster);
+            if (n + 1 < max_clusters) {
+                const qfs_result r = exfat_fat_next_cluster(fat, cluster, &cluster);
+                if (r != QFS_OK) return r;
+            }
+        }
+    } catch (const std::bad_alloc &) {
+        QFS_LOG_ERROR("Failed to collect a cluster chain: %lu (%s)", QFS_ERR_ARGS(ENOMEM));
+        return ENOMEM;
+    }
+    return QFS_OK;
+}

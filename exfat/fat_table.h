@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "device/qfs_device.h"
 #include "exfat/volume_geometry.h"
@@ -22,3 +23,7 @@ qfs_result exfat_fat_next_cluster(exfat_fat *fat, uint32_t cluster, uint32_t *ou
 // Number of clusters in the chain starting at `first`. A chain longer than
 // the heap (a loop) fails with EIO.
 qfs_result exfat_fat_count_chain(exfat_fat *fat, uint32_t first, uint32_t *out_count);
+// Appends the clusters of the chain from `first`, at most `max_clusters` of
+// them; the walk stops early where the chain ends.
+qfs_result exfat_fat_append_chain(exfat_fat *fat, uint32_t first, uint32_t max_clusters,
+                                  std::vector<uint32_t> *clusters);

@@ -1,9 +1,11 @@
 // Opening, closing and releasing an exFAT volume.
 #include "exfat/volume.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "exfat/allocation_bitmap.h"
 #include "exfat/volume_boot_checks.h"
@@ -156,6 +158,40 @@ qfs_result create_root_inode(exfat_volume *volume, uint32_t cluster_count) {
     return QFS_OK;
 }
 
+// The clusters of the bitmap, the up-case table and the root directory, in
+// ascending order: the bitmap must mark each of them, or a later allocation
+// would overwrite the volume's own metadata.
+qfs_result collect_metadata_clusters(exfat_volume *volume, std::vector<uint32_t> *clusters) {
+    const uint32_t cluster_size = volume->geometry.cluster_size;
+    const auto clusters_for = [&](uint64_t bytes) {
+        return static_cast<uint32_t>(std::min<uint64_t>((bytes + cluster_size - 1) / cluster_size,
+                                                        volume->geometry.cluster_count));
+    };
+    exfat_fat *fat = volume->fat.get();
+    qfs_result r = exfat_fat_append_chain(fat, volume->bitmap_first_cluster, clusters_for(volume->bitmap_length),
+                                          clusters);
+    if (r != QFS_OK) return r;
+    r = exfat_fat_append_chain(fat, volume->root->first_cluster, volume->root->cluster_count, clusters);
+    if (r != QFS_OK) return r;
+    const exfat_root_record &upcase = volume->root_metadata.upcase;
+    if (upcase.present) {
+        // A damaged up-case chain is reported when the table is read; here it only counts as far as it goes.
+        std::vector<uint32_t> upcase_clusters;
+        const uint32_t first = get_le32(upcase.entry, ed::dentry::first_cluster);
+        if (exfat_geometry_cluster_is_valid(volume->geometry, first) &&
+            exfat_fat_append_chain(fat, first, clusters_for(get_le64(upcase.entry, ed::dentry::data_length)),
+                                   &upcase_clusters) == QFS_OK) {
+            try {
+                clusters->insert(clusters->end(), upcase_clusters.begin(), upcase_clusters.end());
+            } catch (const std::bad_alloc &) {
+                return ENOMEM;
+            }
+        }
+    }
+    std::sort(clusters->begin(), clusters->end());
+    return QFS_OK;
+}
+
 // FAT, root directory, allocation count.
 qfs_result read_metadata(exfat_volume *volume) {
     exfat_fat *fat = nullptr;
@@ -203,8 +239,12 @@ qfs_result read_metadata(exfat_volume *volume) {
         return r;
     }
     qfs_cleanup release_bitmap([&] { exfat_allocation_bitmap_destroy(&raw_bitmap); });
+    std::vector<uint32_t> metadata_clusters;
+    r = collect_metadata_clusters(volume, &metadata_clusters);
+    if (r != QFS_OK) return r;
     uint64_t allocated = 0;
-    r = exfat_allocation_bitmap_count_allocated(raw_bitmap, &allocated);
+    r = exfat_allocation_bitmap_count_allocated(raw_bitmap, metadata_clusters.data(), metadata_clusters.size(),
+                                                &allocated);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Error while counting allocations: %lu (%s)", QFS_ERR_ARGS(r));
         return r;

@@ -59,6 +59,23 @@ TEST_F(VolumeOpen, FreeClustersComeFromTheBitmapBits) {
     EXPECT_EQ(after.info().free_clusters, free_before - 1);
 }
 
+TEST_F(VolumeOpen, MetadataClustersMustBeMarkedInTheBitmap) {
+    ASSERT_NO_FATAL_FAILURE(format_image(image_));
+    const image_layout l = read_layout(image_);
+    // Clear the root directory's bit: bit (cluster - 2) of the bitmap at cluster 2.
+    const uint32_t bit = l.root_cluster - 2;
+    const uint64_t at = l.cluster_position(2) + bit / 8;
+    std::vector<uint8_t> byte = read_bytes(image_, at, 1);
+    byte[0] &= uint8_t(~(1u << (bit % 8)));
+    write_bytes(image_, at, byte);
+    opened_volume v(image_);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(v.open(EXFAT_VOLUME_READ_ONLY), EIO);
+    EXPECT_EQ(first_line(testing::internal::GetCapturedStderr()),
+              "[ERROR] Inconsistency: Cluster " + std::to_string(l.root_cluster) +
+                  " of the volume's metadata is not marked as allocated.");
+}
+
 TEST_F(VolumeOpen, LabelsOfElevenCharactersAndBeyondAscii) {
     struct label_case {
         std::u16string label;
