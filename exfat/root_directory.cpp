@@ -36,7 +36,8 @@ qfs_result file_entry(exfat_root_metadata *m, const uint8_t *entry, uint64_t pos
     switch (type) {
     case ed::dentry_allocation_bitmap: {
         const int index = entry[ed::dentry::bitmap_flags] & ed::bitmap_flag_second_fat;
-        return keep(&m->bitmap[index], entry, position, index == 0 ? "first allocation bitmap" : "second allocation bitmap");
+        return keep(&m->bitmap[index], entry, position,
+                    index == 0 ? "first allocation bitmap" : "second allocation bitmap");
     }
     case ed::dentry_upcase_table:
         return keep(&m->upcase, entry, position, "up-case table");

@@ -23,12 +23,19 @@ enum : uint32_t {
 // allocated; otherwise the caller's object (from exfat_volume_allocate) is used.
 qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume **inout_volume);
 // Synchronises the boot sector fields, settles the dirty state and closes the
-// device when the volume opened it.
+// device when the volume opened it. On a writable volume close rewrites sector
+// 0 (and syncs) only when one of the two fields outside the boot-region
+// checksum changed: VolumeFlags loses the dirty flag when the volume was clean
+// at open and no inconsistency was met (it is set, or left set, otherwise),
+// and PercentInUse becomes (allocated clusters x 100) / cluster count. A
+// read-only volume writes nothing. A second close does nothing.
 qfs_result exfat_volume_close(exfat_volume *volume);
+// Closes the volume if it is still open, then frees it.
 qfs_result exfat_volume_destroy(exfat_volume **volume);
 // A zeroed volume object for callers that preallocate.
 qfs_result exfat_volume_allocate(exfat_volume **out_volume);
 
+// Each writes sector 0 at once and syncs; a read-only volume refuses.
 qfs_result exfat_volume_update_percent_in_use(exfat_volume *volume);
 qfs_result exfat_volume_set_dirty(exfat_volume *volume);
 qfs_result exfat_volume_clear_dirty(exfat_volume *volume);

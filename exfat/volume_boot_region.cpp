@@ -32,8 +32,8 @@ qfs_result exfat_boot_region_read(qfs_device *device, uint32_t bytes_per_sector,
 
 qfs_result exfat_boot_region_verify(const uint8_t *region, uint32_t bytes_per_sector, exfat_boot_region which) {
     const bool main = which == exfat_boot_region::main;
-    const uint32_t calculated =
-        exfat_util_calculate_boot_region_checksum(region, static_cast<size_t>(ed::checksummed_sectors) * bytes_per_sector);
+    const size_t checksummed_bytes = static_cast<size_t>(ed::checksummed_sectors) * bytes_per_sector;
+    const uint32_t calculated = exfat_util_calculate_boot_region_checksum(region, checksummed_bytes);
     const uint8_t *checksums = region + static_cast<size_t>(ed::checksum_sector) * bytes_per_sector;
     const uint32_t stored = get_le32(checksums, 0);
     if (calculated != stored) {
@@ -75,8 +75,8 @@ qfs_result exfat_boot_region_validate(qfs_device *device, uint32_t bytes_per_sec
 }
 
 void exfat_boot_region_seal(uint8_t *region, uint32_t bytes_per_sector) {
-    const uint32_t checksum =
-        exfat_util_calculate_boot_region_checksum(region, static_cast<size_t>(ed::checksummed_sectors) * bytes_per_sector);
+    const size_t checksummed_bytes = static_cast<size_t>(ed::checksummed_sectors) * bytes_per_sector;
+    const uint32_t checksum = exfat_util_calculate_boot_region_checksum(region, checksummed_bytes);
     uint8_t *checksums = region + static_cast<size_t>(ed::checksum_sector) * bytes_per_sector;
     for (uint32_t i = 0; i < bytes_per_sector; i += 4) put_le32(checksums, i, checksum);
 }

@@ -16,6 +16,9 @@
 #include "support/qfs_memory.h"
 #include "support/qfs_util_hashtable.h"
 
+// The platform's number for an internal error, as the volume code reports it.
+inline constexpr qfs_result exfat_volume_internal_error = 6;
+
 struct exfat_fat_deleter {
     void operator()(exfat_fat *fat) const { exfat_fat_destroy(&fat); }
 };
@@ -35,6 +38,10 @@ struct exfat_inode {
     uint64_t size;
     exfat_inode *main_ref; // the reference every other one leads back to
 };
+
+// Keys and values of both reference caches: the inode number and the inode's address.
+inline constexpr size_t exfat_iref_key_size = sizeof(uint64_t);
+inline constexpr size_t exfat_iref_value_size = sizeof(exfat_inode *);
 
 struct exfat_volume {
     qfs_device *device = nullptr;
@@ -81,6 +88,10 @@ struct exfat_volume {
 
     uint64_t inconsistencies = 0;
 };
+
+// The rest of an open once the first 512 bytes of sector 0 are read:
+// everything from the boot sector checks to the kept boot regions.
+qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uint8_t *first_bytes);
 
 // Reads exactly `count` bytes; a short read is an I/O error.
 qfs_result exfat_volume_read_exact(qfs_device *device, uint64_t position, size_t count, void *buffer);

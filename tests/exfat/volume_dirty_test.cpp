@@ -52,6 +52,12 @@ TEST_F(VolumeDirty, CloseWritesPercentInUse) {
     EXPECT_EQ(read_bytes(image_, 112, 1)[0], 0);
     ASSERT_EQ(v.close(), QFS_OK);
     EXPECT_EQ(read_bytes(image_, 112, 1)[0], expected_percent);
+
+    write_bytes(image_, 112, {0});
+    ASSERT_EQ(v.open(0), QFS_OK);
+    ASSERT_EQ(exfat_volume_update_percent_in_use(v.volume()), QFS_OK);
+    EXPECT_EQ(read_bytes(image_, 112, 1)[0], expected_percent);
+    ASSERT_EQ(v.close(), QFS_OK);
     EXPECT_EQ(disk_flags() & dirty_bit, 0);
     if (qfs_test::have_program("fsck.exfat")) {
         const qfs_test::run_result check = qfs_test::run_command({"fsck.exfat", "-n", image_});
@@ -106,6 +112,16 @@ TEST_F(VolumeDirty, DoNotMarkDirtyFlag) {
     opened_volume v(image_);
     ASSERT_EQ(v.open(EXFAT_VOLUME_DO_NOT_MARK_DIRTY), QFS_OK);
     EXPECT_EQ(disk_flags(), 0);
+    // Marked by hand while open, the flag goes again at close: the volume was clean.
+    ASSERT_EQ(exfat_volume_set_dirty(v.volume()), QFS_OK);
+    EXPECT_EQ(disk_flags(), dirty_bit);
+    ASSERT_EQ(v.close(), QFS_OK);
+    EXPECT_EQ(image_fingerprint(image_), before);
+
+    // And a writable open's own mark can be taken back early.
+    ASSERT_EQ(v.open(0), QFS_OK);
+    ASSERT_EQ(exfat_volume_clear_dirty(v.volume()), QFS_OK);
+    EXPECT_EQ(disk_flags(), 0);
     ASSERT_EQ(v.close(), QFS_OK);
     EXPECT_EQ(image_fingerprint(image_), before);
 }
@@ -152,7 +168,8 @@ TEST_F(VolumeDirty, SerialLabelAndGuidChangesKeepTheVolumeValid) {
         EXPECT_STREQ(exfat_volume_get_label(v.volume()), "NEWNAME");
         testing::internal::CaptureStderr();
         EXPECT_EQ(exfat_volume_set_name(v.volume(), "TWELVE_CHARS"), EINVAL);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "[ERROR] Error while setting volume label: 22 (Invalid argument)\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "[ERROR] Error while setting volume label: 22 (Invalid argument)\n");
     }
     // Main and backup boot sectors carry the serial, and both checksums still hold.
     const std::vector<uint8_t> regions = read_bytes(image_, 0, 24 * 512);

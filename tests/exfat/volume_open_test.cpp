@@ -175,8 +175,8 @@ const record_case record_cases[] = {
     {"up-case checksum mismatch", 0x82, 4, {0x78, 0x56, 0x34, 0x12}, false,
      // The bytes on disk are the recommended table, whose checksum is 0xE619D30D.
      "[ERROR] Incorrect checksum for upcase table! Expected: 0x12345678, Calculated: 0xE619D30D", EIO},
-    {"up-case odd length", 0x82, 24, {0xCB, 0x16}, false, "[ERROR] Volume inconsistency - Uneven upcase table size: 5835",
-     EIO},
+    {"up-case odd length", 0x82, 24, {0xCB, 0x16}, false,
+     "[ERROR] Volume inconsistency - Uneven upcase table size: 5835", EIO},
     {"up-case too long", 0x82, 24, {0x00, 0x00, 0x02}, false,
      "[ERROR] Volume inconsistency - Size of upcase table out of bounds for 16-bit range: 131072", EIO},
     {"up-case chain ends early", 0x82, 24, {0xCC, 0x16}, true,

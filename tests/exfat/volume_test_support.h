@@ -130,7 +130,8 @@ inline void format_image(const std::string &image, const format_request &request
 class opened_volume {
 public:
     explicit opened_volume(const std::string &image, bool read_only_device = false) {
-        qfs_device_create_default(image.c_str(), read_only_device ? uint64_t{QFS_DEVICE_FLAG_READ_ONLY} : uint64_t{0}, &device_);
+        const uint64_t flags = read_only_device ? uint64_t{QFS_DEVICE_FLAG_READ_ONLY} : uint64_t{0};
+        qfs_device_create_default(image.c_str(), flags, &device_);
     }
     ~opened_volume() {
         close();
