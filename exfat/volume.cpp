@@ -137,6 +137,8 @@ qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume 
     } else if (volume->in_use) {
         QFS_LOG_ERROR("The volume object is already in use: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_INVALID_PARAMETER));
         return QFS_ERR_INVALID_PARAMETER;
+    } else {
+        reset_volume(volume); // nothing of an earlier open carries over
     }
     volume->device = device;
     volume->flags = flags;

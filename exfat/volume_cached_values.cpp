@@ -67,6 +67,23 @@ qfs_result cache_boot_values(exfat_volume *volume) {
     return QFS_OK;
 }
 
+// A volume that claims more sectors than its device (or partition) holds
+// would send writes past its end. A device that cannot tell its size is
+// taken at its word.
+qfs_result check_volume_fits_device(qfs_device *device, uint32_t bytes_per_sector, uint64_t volume_length) {
+    uint64_t device_sectors = 0;
+    if (qfs_device_get_size_in_sectors(device, bytes_per_sector, &device_sectors) != QFS_OK) {
+        QFS_TRACE("Device size unknown; volume length not checked against it.");
+        return QFS_OK;
+    }
+    if (volume_length > device_sectors) {
+        QFS_LOG_ERROR("Inconsistency: The volume (%llu sectors) extends beyond the end of the device (%llu sectors).",
+                      static_cast<unsigned long long>(volume_length), static_cast<unsigned long long>(device_sectors));
+        return EINVAL;
+    }
+    return QFS_OK;
+}
+
 // The root directory as an open object in the reference cache.
 qfs_result create_root_inode(exfat_volume *volume, uint32_t cluster_count) {
     void *block = nullptr;
@@ -265,6 +282,8 @@ qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uin
     r = exfat_boot_region_validate(volume->device, bps, exfat_boot_region::main);
     if (r != QFS_OK) return r;
     r = exfat_boot_region_validate(volume->device, bps, exfat_boot_region::backup);
+    if (r != QFS_OK) return r;
+    r = check_volume_fits_device(volume->device, bps, get_le64(first_bytes, ed::boot::volume_length));
     if (r != QFS_OK) return r;
 
     // The whole of sector 0, which later writes of the flags and PercentInUse rewrite.

@@ -72,7 +72,7 @@ TEST_F(VolumeDirty, ReadOnlyOpenNeverWrites) {
     write_bytes(image_, 106, flags);
     const std::string before = image_fingerprint(image_);
 
-    opened_volume v(image_, true);
+    opened_volume v(image_);
     ASSERT_EQ(v.open(EXFAT_VOLUME_READ_ONLY), QFS_OK);
     EXPECT_EQ(disk_flags() & dirty_bit, 0);
     testing::internal::CaptureStderr();

@@ -36,6 +36,30 @@ TEST_F(VolumeOpen, FreshVolumeReportsRevisionLabelAndFreeClusters) {
     EXPECT_STREQ(exfat_volume_get_label(v.volume()), "CARD");
 }
 
+TEST_F(VolumeOpen, FourKilobyteSectors) {
+    // 8 MiB in 4096-byte sectors of one sector per cluster: three clusters in use of
+    // about 2000, so PercentInUse stays 0 and close restores every byte.
+    ASSERT_NO_FATAL_FAILURE(format_image(image_, {2048, 4096, u"BIG", true, 4096}));
+    const image_layout l = read_layout(image_);
+    ASSERT_EQ(l.sector_size, 4096u);
+    const uint64_t bitmap_clusters = ((l.cluster_count + 7) / 8 + l.cluster_size - 1) / l.cluster_size;
+    const uint64_t upcase_clusters = (5836 + l.cluster_size - 1) / l.cluster_size;
+    const std::string before = qfs_test::image_fingerprint(image_);
+
+    opened_volume v(image_);
+    ASSERT_EQ(v.open(0), QFS_OK);
+    EXPECT_EQ(v.info().bytes_per_sector, 4096u);
+    EXPECT_EQ(v.info().free_clusters, l.cluster_count - bitmap_clusters - upcase_clusters - 1);
+    EXPECT_STREQ(exfat_volume_get_label(v.volume()), "BIG");
+    EXPECT_EQ(read_bytes(image_, 106, 1)[0], 0x02);
+    ASSERT_EQ(v.close(), QFS_OK);
+    EXPECT_EQ(qfs_test::image_fingerprint(image_), before);
+    if (qfs_test::have_program("fsck.exfat")) {
+        const qfs_test::run_result check = qfs_test::run_command({"fsck.exfat", "-n", image_});
+        EXPECT_EQ(check.exit_status, 0) << check.out << check.err;
+    }
+}
+
 TEST_F(VolumeOpen, FreeClustersComeFromTheBitmapBits) {
     ASSERT_NO_FATAL_FAILURE(format_image(image_, {16360, 4096, u"", false}));
     const image_layout l = read_layout(image_);
@@ -245,6 +269,45 @@ TEST_F(VolumeOpen, MediaFailureIsRefusedUnlessIgnored) {
 
     opened_volume ignored(image_);
     EXPECT_EQ(ignored.open(EXFAT_VOLUME_READ_ONLY | EXFAT_VOLUME_IGNORE_MEDIA_FAILURE), QFS_OK);
+}
+
+TEST_F(VolumeOpen, VolumeLongerThanItsDevice) {
+    ASSERT_NO_FATAL_FAILURE(format_image(image_)); // 16384 sectors in an image of as many
+    std::vector<uint8_t> boot = read_bytes(image_, 0, 512);
+    set_le64(boot, 72, 16385);
+    write_bytes(image_, 0, boot);
+    reseal_main_region(image_);
+    opened_volume v(image_);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(v.open(EXFAT_VOLUME_READ_ONLY), EINVAL);
+    EXPECT_EQ(first_line(testing::internal::GetCapturedStderr()),
+              "[ERROR] Inconsistency: The volume (16385 sectors) extends beyond the end of the device (16384 sectors).");
+}
+
+TEST_F(VolumeOpen, PreallocatedVolumeObject) {
+    ASSERT_NO_FATAL_FAILURE(format_image(image_, {16384, 4096, u"CARD", true}));
+    qfs_device *device = nullptr;
+    ASSERT_EQ(qfs_device_create_default(image_.c_str(), 0, &device), QFS_OK);
+    exfat_volume *volume = nullptr;
+    ASSERT_EQ(exfat_volume_allocate(&volume), QFS_OK);
+    exfat_volume *const object = volume;
+    ASSERT_EQ(exfat_volume_create(device, 0, &volume), QFS_OK);
+    EXPECT_EQ(volume, object);
+    EXPECT_STREQ(exfat_volume_get_label(volume), "CARD");
+    EXPECT_EQ(exfat_volume_close(volume), QFS_OK);
+    EXPECT_EQ(device->flags & QFS_DEVICE_FLAG_OPEN, 0u); // the volume opened the device, so it closed it
+
+    // A failed open leaves the caller's object to the caller, emptied.
+    write_bytes(image_, 510, {0x00, 0x00});
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(exfat_volume_create(device, EXFAT_VOLUME_READ_ONLY, &volume), EINVAL);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(volume, object);
+    EXPECT_STREQ(exfat_volume_get_label(volume), "");
+    EXPECT_EQ(device->flags & QFS_DEVICE_FLAG_OPEN, 0u);
+    EXPECT_EQ(exfat_volume_destroy(&volume), QFS_OK);
+    EXPECT_EQ(volume, nullptr);
+    EXPECT_EQ(qfs_device_destroy(&device), QFS_OK);
 }
 
 TEST_F(VolumeOpen, ReadOnlyVolumeRefusesTimeModes) {

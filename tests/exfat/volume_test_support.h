@@ -101,15 +101,16 @@ struct format_request {
     uint32_t cluster_size = 4096;
     std::u16string label;
     bool has_label = false;
+    uint16_t sector_size = 512;
 };
 
 // A volume that starts at byte 0 of a sparse image, written by the format engine.
 inline void format_image(const std::string &image, const format_request &request = {}) {
-    qfs_test::make_sparse_image(image, request.sectors * 512);
+    qfs_test::make_sparse_image(image, request.sectors * request.sector_size);
     qfs_device *device = nullptr;
     ASSERT_EQ(qfs_device_create_default(image.c_str(), 0, &device), QFS_OK);
     ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
-    const uint16_t sector_size = 512;
+    const uint16_t sector_size = request.sector_size;
     const uint64_t sector_count = request.sectors;
     const uint32_t cluster_size = request.cluster_size;
     const uint64_t partition_start = 0;
