@@ -295,6 +295,11 @@ qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uin
         QFS_LOG_ERROR("Failed to read boot sector from exFAT volume: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
+    // The values below must come from the bytes the checks passed.
+    if (memcmp(volume->boot_sector.get(), first_bytes, 512) != 0) {
+        QFS_LOG_ERROR("Boot sector changed while the volume was being opened: %lu (%s)", QFS_ERR_ARGS(EIO));
+        return EIO;
+    }
     memcpy(volume->boot_sector_on_disk.get(), volume->boot_sector.get(), bps);
     const uint16_t current_flags = get_le16(volume->boot_sector.get(), ed::boot::volume_flags);
     if (!volume->read_only && (current_flags & ed::flag_clear_to_zero)) {
