@@ -84,6 +84,14 @@ inline constexpr size_t volume_guid = 6;           // 16 bytes
 } // namespace dentry
 
 inline constexpr uint8_t max_label_length = 11;
+// Bit 0 of an allocation bitmap entry's flags: the bitmap belongs to the second FAT.
+inline constexpr uint8_t bitmap_flag_second_fat = 1u << 0;
+// Bytes 2-31 of a label entry hold at most 15 UTF-16 units; a count of 16 or more cannot be real.
+inline constexpr uint8_t label_character_count_limit = 16;
+// The largest allocation bitmap a cluster count of at most 0xFFFFFFF5 needs, plus one byte of slack.
+inline constexpr uint64_t bitmap_length_limit = 0x20000001;
+// An up-case table maps 16-bit characters, so its compressed form stays below 0x1FFFF bytes.
+inline constexpr uint64_t upcase_length_limit = 0x1FFFF;
 
 // OEM parameters sector: ten slots of a 16-byte GUID and 32 bytes of parameters.
 inline constexpr size_t oem_slot_count = 10;
@@ -94,6 +102,35 @@ inline constexpr size_t oem_slots_end = oem_slot_count * oem_slot_size; // 480
 // Flash parameters GUID 0A0C7E46-3399-4021-90C8-FA6D389C4BA2 as stored.
 inline constexpr uint8_t flash_parameters_guid[16] = {0x46, 0x7E, 0x0C, 0x0A, 0x99, 0x33, 0x21, 0x40,
                                                       0x90, 0xC8, 0xFA, 0x6D, 0x38, 0x9C, 0x4B, 0xA2};
+
+// The boot sector fields that every reader relies on must lie inside the
+// first 512 bytes, in ascending order, each after the end of the one before.
+constexpr bool boot_fields_are_ordered() {
+    constexpr size_t offsets[] = {boot::jump_boot, boot::file_system_name, boot::must_be_zero,
+                                  boot::partition_offset, boot::volume_length, boot::fat_offset,
+                                  boot::fat_length, boot::cluster_heap_offset, boot::cluster_count,
+                                  boot::first_cluster_of_root, boot::volume_serial_number,
+                                  boot::file_system_revision, boot::volume_flags,
+                                  boot::bytes_per_sector_shift, boot::sectors_per_cluster_shift,
+                                  boot::number_of_fats, boot::drive_select, boot::percent_in_use,
+                                  boot::boot_code, boot::boot_signature};
+    constexpr size_t sizes[] = {3, 8, boot::must_be_zero_length, 8, 8, 4, 4, 4, 4, 4, 4, 2, 2, 1, 1, 1, 1, 1,
+                                boot::boot_code_length, 2};
+    static_assert(sizeof(offsets) / sizeof(offsets[0]) == sizeof(sizes) / sizeof(sizes[0]));
+    size_t end = 0;
+    for (size_t i = 0; i < sizeof(offsets) / sizeof(offsets[0]); ++i) {
+        if (offsets[i] < end) return false;
+        end = offsets[i] + sizes[i];
+    }
+    return end == 512;
+}
+
+// Directory entry fields must fit in their 32 bytes.
+constexpr bool dentry_fields_fit() {
+    return dentry::label_text + 2 * (label_character_count_limit - 1) <= dentry_size &&
+           dentry::data_length + 8 <= dentry_size && dentry::volume_guid + 16 <= dentry_size &&
+           dentry::table_checksum + 4 <= dentry::first_cluster;
+}
 
 // Checksum of the recommended up-case table that the format writes.
 inline constexpr uint32_t default_upcase_checksum = 0xE619D30D;

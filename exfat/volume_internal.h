@@ -1,0 +1,112 @@
+// The exFAT volume object and the steps of opening and closing it, shared by
+// the files that implement them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "device/qfs_device.h"
+#include "exfat/exfat_ondisk.h"
+#include "exfat/fat_table.h"
+#include "exfat/root_directory.h"
+#include "exfat/upcase.h"
+#include "exfat/volume.h"
+#include "exfat/volume_geometry.h"
+#include "support/qfs_memory.h"
+#include "support/qfs_util_hashtable.h"
+
+// The platform's number for an internal error, as the volume code reports it.
+inline constexpr qfs_result exfat_volume_internal_error = 6;
+
+struct exfat_fat_deleter {
+    void operator()(exfat_fat *fat) const { exfat_fat_destroy(&fat); }
+};
+struct exfat_upcase_deleter {
+    void operator()(exfat_upcase_table *table) const { exfat_upcase_destroy_table(&table); }
+};
+struct qfs_util_hashtable_deleter {
+    void operator()(qfs_util_hashtable *table) const { qfs_util_hashtable_destroy(&table); }
+};
+
+// An open file-system object. The reference caches own these: the cache of
+// open references maps the inode number (8 bytes) to the inode's address.
+struct exfat_inode {
+    uint64_t number; // the first cluster
+    uint32_t first_cluster;
+    uint32_t cluster_count;
+    uint64_t size;
+    exfat_inode *main_ref; // the reference every other one leads back to
+};
+
+// Keys and values of both reference caches: the inode number and the inode's address.
+inline constexpr size_t exfat_iref_key_size = sizeof(uint64_t);
+inline constexpr size_t exfat_iref_value_size = sizeof(exfat_inode *);
+
+struct exfat_volume {
+    qfs_device *device = nullptr;
+    uint32_t flags = 0;
+    bool read_only = false;
+    bool opened_device = false; // close the device at close
+    bool in_use = false;        // between a successful open and close
+
+    // Cached boot sector values.
+    uint8_t revision_major = 0;
+    uint8_t revision_minor = 0;
+    uint16_t serial_high = 0;
+    uint16_t serial_low = 0;
+    uint32_t root_first_cluster = 0;
+    exfat_geometry geometry{};
+    // 0 or 1 as on disk; anything else is a bug.
+    uint8_t dirty = 0;
+    // The dirty flag is ours to clear at close only when the volume was clean
+    // at open: an earlier unclean use stays on record until a check clears it.
+    bool clean_at_open = false;
+
+    // Sector 0 as this volume means it to be, and as the device holds it now.
+    qfs_buffer boot_sector;
+    qfs_buffer boot_sector_on_disk;
+
+    std::unique_ptr<exfat_fat, exfat_fat_deleter> fat;
+    exfat_root_metadata root_metadata{};
+    exfat_inode *root = nullptr; // owned by iref_cache
+    // The active FAT's bitmap.
+    uint32_t bitmap_first_cluster = 0;
+    uint64_t bitmap_length = 0;
+    uint64_t free_clusters = 0;
+
+    qfs_unique<char[]> label; // UTF-8
+    std::unique_ptr<exfat_upcase_table, exfat_upcase_deleter> upcase;
+    bool upcase_from_volume = false;
+
+    // The boot regions as read from the device; null when a read-only open could not read one.
+    qfs_buffer main_boot_region;
+    qfs_buffer backup_boot_region;
+
+    std::unique_ptr<qfs_util_hashtable, qfs_util_hashtable_deleter> iref_cache;
+    std::unique_ptr<qfs_util_hashtable, qfs_util_hashtable_deleter> removed_iref_cache;
+
+    uint64_t inconsistencies = 0;
+};
+
+// The rest of an open once the first 512 bytes of sector 0 are read:
+// everything from the boot sector checks to the kept boot regions.
+qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uint8_t *first_bytes);
+
+// Reads exactly `count` bytes; a short read is an I/O error.
+qfs_result exfat_volume_read_exact(qfs_device *device, uint64_t position, size_t count, void *buffer);
+qfs_result exfat_volume_write_exact(qfs_device *device, uint64_t position, size_t count, const void *buffer);
+
+// Writes the cached boot sector to sector 0 and makes it durable.
+qfs_result exfat_volume_write_boot_sector(exfat_volume *volume);
+// Writes the cached boot sector only when it differs from what the device holds.
+qfs_result exfat_volume_write_boot_sector_fields(exfat_volume *volume);
+// PercentInUse from the allocation count, 0 to 100.
+qfs_result exfat_volume_compute_percent_in_use(const exfat_volume *volume, uint8_t *out_percent);
+
+// Reads the label from its root directory record into a new UTF-8 string.
+qfs_result exfat_volume_read_label(exfat_volume *volume, char **out_label);
+
+// Writes a volume record over `record` when the volume has one, otherwise
+// into the root directory's first free entry, and reads the records again.
+qfs_result exfat_volume_store_root_record(exfat_volume *volume, const exfat_root_record &record, const uint8_t *entry);
