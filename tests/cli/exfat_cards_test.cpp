@@ -2,6 +2,7 @@
 // checked with independent tools. Expected layouts, worked out by hand:
 //
 //  card        sectors      row  BU      cluster  partition start/count       clusters
+//  32 GiB      67108864     2    32768   128 KiB  32768 / 67076096            261888
 //  64 GiB      134217728    2    32768   128 KiB  32768 / 134184960           524032
 //  256 GiB     536870912    3    65536   256 KiB  65536 / 536805376           1048320
 //  1 TiB       2147483648   4    131072  512 KiB  131072 / 2147352576         2096896
@@ -14,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "cli/cli_texts.h"
+#include "exfat/volume.h"
+#include "harness/device_handle.h"
 #include "harness/loop_device.h"
 #include "harness/process.h"
 #include "harness/temp_files.h"
@@ -27,7 +30,28 @@ struct card_case {
     uint64_t partition_start, partition_sectors;
     const char *capacity, *free, *cluster;
     bool gpt;
+    uint64_t free_bytes;
+    uint32_t cluster_bytes;
 };
+
+// Opens the card's partition read-only with the tool's own volume code.
+void expect_reader_agrees(const std::string &path, const card_case &c) {
+    qfs_device_test::device_handle device;
+    ASSERT_EQ(qfs_device_create_default(path.c_str(), QFS_DEVICE_FLAG_READ_ONLY, &device.device), QFS_OK);
+    ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
+    ASSERT_EQ(qfs_device_set_range(device, c.partition_start * 512, c.partition_sectors * 512), QFS_OK);
+    exfat_volume *volume = nullptr;
+    ASSERT_EQ(exfat_volume_create(device, EXFAT_VOLUME_READ_ONLY, &volume), QFS_OK);
+    exfat_volume_info info{};
+    EXPECT_EQ(exfat_volume_get_info(volume, &info), QFS_OK);
+    EXPECT_STREQ(exfat_volume_get_label(volume), "TARN");
+    EXPECT_EQ(info.cluster_size, c.cluster_bytes);
+    EXPECT_EQ(info.free_clusters * info.cluster_size, c.free_bytes);
+    EXPECT_EQ(info.volume_length, c.partition_sectors);
+    EXPECT_FALSE(info.dirty) << "the tool's verification leaves the volume clean";
+    EXPECT_EQ(exfat_volume_close(volume), QFS_OK);
+    EXPECT_EQ(exfat_volume_destroy(&volume), QFS_OK);
+}
 
 void PrintTo(const card_case &c, std::ostream *os) { *os << c.name; }
 
@@ -66,6 +90,8 @@ TEST_P(ExfatCards, FormatReportAndIndependentChecks) {
         EXPECT_EQ(table.find(path + "2"), std::string::npos) << "exactly one partition";
     }
 
+    expect_reader_agrees(path, c);
+
     ASSERT_TRUE(qfs_test::have_program("fsck.exfat"));
     QFS_ATTACH_LOOP_OR_SKIP(partition, path, {.offset = c.partition_start * 512, .read_only = true});
     const auto fsck = qfs_test::run_command({"fsck.exfat", "-n", partition->path()});
@@ -73,14 +99,16 @@ TEST_P(ExfatCards, FormatReportAndIndependentChecks) {
 }
 
 const card_case cards[] = {
+    {"Card32GiB", 67108864, "TNC", 32768, 67076096, "32.0 GiB (34342961152 bytes)", "32.0 GiB (34325790720 bytes)",
+     "128.0 kiB (131072 bytes)", false, 34325790720, 131072},
     {"Card64GiB", 134217728, "TNC", 32768, 134184960, "64.0 GiB (68702699520 bytes)", "64.0 GiB (68685529088 bytes)",
-     "128.0 kiB (131072 bytes)", false},
+     "128.0 kiB (131072 bytes)", false, 68685529088, 131072},
     {"Card256GiB", 536870912, "TNC", 65536, 536805376, "256.0 GiB (274844352512 bytes)",
-     "255.9 GiB (274810011648 bytes)", "256.0 kiB (262144 bytes)", false},
+     "255.9 GiB (274810011648 bytes)", "256.0 kiB (262144 bytes)", false, 274810011648, 262144},
     {"Card1TiB", 2147483648, "TNC", 131072, 2147352576, "1023.9 GiB (1099444518912 bytes)",
-     "1023.9 GiB (1099375837184 bytes)", "512.0 kiB (524288 bytes)", false},
+     "1023.9 GiB (1099375837184 bytes)", "512.0 kiB (524288 bytes)", false, 1099375837184, 524288},
     {"Card2_5TiB", 5368709120, "TNE", 262144, 5368184832, "2.5 TiB (2748510633984 bytes)",
-     "2.5 TiB (2748373270528 bytes)", "1.0 MiB (1048576 bytes)", true},
+     "2.5 TiB (2748373270528 bytes)", "1.0 MiB (1048576 bytes)", true, 2748373270528, 1048576},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cli, ExfatCards, testing::ValuesIn(cards), [](const auto &info) { return info.param.name; });
