@@ -173,7 +173,10 @@ TEST_F(OptionParser, ListValues) {
 
     // Growth past the first 20 entries.
     std::string many;
-    for (int i = 0; i < 45; ++i) many += (i ? "," : "") + std::to_string(i);
+    for (int i = 0; i < 45; ++i) {
+        if (i) many += ',';
+        many += std::to_string(i);
+    }
     reset();
     outcome = parse({"--list", many, "a", "b"});
     ASSERT_EQ(outcome.ok, 1);
