@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, only those
 # that are missing. Pass "build" for the tool alone, "test" (default) for
-# the tests and their independent checkers as well.
+# the tests and their independent checkers as well, "bench" for the
+# benchmarks (bench/run_benchmarks.sh) and the programs they compare with.
 set -euo pipefail
 
 what=${1:-test}
 packages=(cmake ninja-build g++ make)
 if [ "$what" = test ]; then
     packages+=(libgtest-dev libgmock-dev exfatprogs dosfstools gdisk fdisk e2fsprogs util-linux mtools time)
+fi
+if [ "$what" = bench ]; then
+    packages+=(exfatprogs coreutils time strace)
 fi
 
 missing=()
