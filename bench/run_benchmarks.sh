@@ -45,7 +45,7 @@
 # kept in build/bench/bench-runs.tsv.
 #
 # Exit status: 0 all targets met, 1 a target failed, 2 the benchmark could
-# not run. The exFAT volume reader must be linked in for the tool to build.
+# not run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -16,10 +16,11 @@ const format_monitor *monitor_of(const format_progress *progress) {
     return progress ? progress->monitor : nullptr;
 }
 
-// A chunk buffer of at most `wanted` bytes, halving the size after each failed allocation.
+// A zeroed chunk buffer of at most `wanted` bytes, halving the size after each
+// failed allocation. Fresh zero pages cost nothing to fill with zero padding.
 qfs_result allocate_chunk(size_t wanted, qfs_buffer &out, size_t *out_size) {
     for (size_t size = wanted;; size /= 2) {
-        void *block = malloc(size);
+        void *block = calloc(1, size);
         if (block != nullptr) {
             out.reset(static_cast<uint8_t *>(block));
             *out_size = size;
@@ -120,7 +121,9 @@ qfs_result exfat_format_write_with_padding(qfs_device *dev, uint64_t position, s
     if (tail > 0) {
         memcpy(chunk.get(), static_cast<const uint8_t *>(data) + head, tail);
     }
-    memset(chunk.get() + tail, padding_byte, chunk_size - tail);
+    if (padding_byte != 0) {
+        memset(chunk.get() + tail, padding_byte, chunk_size - tail);
+    }
     uint64_t offset = position + head;
     const uint64_t end = position + padded_size;
     uint64_t padding_written = 0;
