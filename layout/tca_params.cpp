@@ -63,7 +63,7 @@ constexpr tca_param fat_tca_params[] = {
     {4087808u, 2076673u, 128, 64, 64, 63, true, false},
     // TNA largest cards
     {4153344u, 4087809u, 128, 64, 128, 63, true, false},
-    // the whole gap between TNA and TNB: out of spec
+    // the whole gap between TNA and TNB: not covered by the recommendations
     {4211712u, 4153345u, 8192, 64, 128, 63, false, false},
     // lower part of that gap, reached only when relaxed: FAT16 on a TNB layout
     {4210047u, 4153345u, 8192, 64, 128, 63, true, false},
@@ -110,7 +110,7 @@ struct row_choice {
 
 enum class out_of_spec_kind { exfat, fat };
 
-// Walks the table in order and keeps the last in-spec row whose range holds
+// Walks the table in order and keeps the last recommended (in_spec) row whose range holds
 // the compared count. The last row has no upper bound, so every larger
 // device lands there. `layout_of` gives a row's start (and FAT type).
 template <typename LayoutOf>

@@ -108,7 +108,7 @@ TEST_F(ExfatRun, ElevenCharactersFitEvenWhenTheirBytesDoNot) {
 }
 
 TEST_F(ExfatRun, CardsBetweenClassesNeedRelaxing) {
-    // 67108863 sectors lie in the out-of-spec row below the smallest exFAT class.
+    // 67108863 sectors lie in the gap row below the smallest exFAT class.
     const std::string path = card(smallest_card_sectors - 1);
     const std::string before = qfs_test::image_fingerprint(path);
     const std::string refusal = "ERROR: 'tca-whole' - Device with 67108863 sectors is too small for TNE and too large "

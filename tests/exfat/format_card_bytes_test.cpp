@@ -1,4 +1,4 @@
-// The bytes a format writes on the smallest in-spec exFAT card, checked
+// The bytes a format writes on the smallest recommended exFAT card, checked
 // against values worked out here by hand.
 //
 // Card: 67108864 sectors of 512 bytes (32 GiB), recommendation row 2:

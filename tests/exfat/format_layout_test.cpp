@@ -50,7 +50,7 @@ TEST(ExfatDistribution, FatOffsetFollowsThePartitionOffset) {
         // 2 * ceil(262130 * 4 / 512) = 2 * 2048 = 4096 FAT sectors (aligned: 4096);
         // round 2 (2097152 - 128 - 4096) / 8 = 261616, 2 * ceil(261618 * 4 / 512) = 4088 -> 4096: repeats.
         {2097152, 128, 0, 4096, 128, 4096, 4224, 261616},
-        // The smallest in-spec card: the heap lies one boundary unit into the partition.
+        // The smallest recommended card: the heap lies one boundary unit into the partition.
         {67076096, 16384, 32768, 131072, 16384, 16384, 32768, 261888},
         // An offset of 100 sectors: roundup(124, 128) - 100 = 28.
         {2097152, 128, 100, 4096, 28, 4096, 4124, 261628},

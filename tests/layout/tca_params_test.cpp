@@ -14,7 +14,7 @@ namespace {
 
 // The card association's tables, typed in again from the published
 // recommendations: {min, max, boundary unit, sectors per cluster, heads,
-// sectors per track, in spec, fat32}.
+// sectors per track, in_spec, fat32}.
 struct expected_row {
     uint64_t min;
     uint64_t max;
@@ -247,7 +247,7 @@ TEST(ExfatTcaParams, StrictCountsTheReservedFront) {
     };
     constexpr strict_case cases[] = {
         // 67076096 + 32768 = 67108864 on row 2. Row 1 (start 0) is examined
-        // first with the bare 67076096 and is out of spec: relaxed only.
+        // first with the bare 67076096 and is not recommended: relaxed only.
         {67076096, true, 2},
         // 1073348607 + 65536 = 1073414143 on row 3; + 131072 = 1073479679
         // is still below row 4.
@@ -524,7 +524,7 @@ TEST(FatTcaParams, TnaLayoutKeepsItsInvariantsAcrossEveryTnaRow) {
 
 TEST(FatTcaParams, StrictPartitionNearTheGap) {
     // 4150000 fits row 12 with its small TNA start, but row 13 compares
-    // 4150000 + 8192 = 4158192, which lies in the out-of-spec gap.
+    // 4150000 + 8192 = 4158192, which lies in the gap between the classes.
     lookup l = fat_lookup(4150000, false, false);
     expect_failed_untouched(l);
     ASSERT_EQ(l.errors.size(), 1u);
