@@ -45,8 +45,23 @@ qfs_result exfat_volume_write_boot_sector(exfat_volume *volume) {
     qfs_result r = exfat_volume_write_exact(volume->device, 0, bps, volume->boot_sector.get());
     if (r != QFS_OK) return r;
     memcpy(volume->boot_sector_on_disk.get(), volume->boot_sector.get(), bps);
-    // The dirty flag has to reach the medium before the changes it guards, and its clearing after them.
-    return qfs_device_sync(volume->device);
+    // Not synced here: the dirty flag has to reach the medium before the changes it guards, which
+    // exfat_volume_begin_change sees to, and its clearing after them, which every change syncs for
+    // itself. Whatever is left is flushed when the device closes. A volume opened and closed without
+    // changes (the formatter's verification) thus costs no sync at all.
+    volume->boot_sector_unsynced = true;
+    return QFS_OK;
+}
+
+qfs_result exfat_volume_begin_change(exfat_volume *volume) {
+    if (!volume->boot_sector_unsynced) {
+        return QFS_OK;
+    }
+    const qfs_result r = qfs_device_sync(volume->device);
+    if (r == QFS_OK) {
+        volume->boot_sector_unsynced = false;
+    }
+    return r;
 }
 
 qfs_result exfat_volume_write_boot_sector_fields(exfat_volume *volume) {

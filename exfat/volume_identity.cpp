@@ -30,10 +30,12 @@ qfs_result change_serial_number(exfat_volume *volume, uint32_t serial) {
     if (volume->read_only) return QFS_ERR_DEVICE_READ_ONLY;
     if (!volume->main_boot_region || !volume->backup_boot_region) return QFS_ERR_INVALID_PARAMETER;
     const uint32_t bps = volume->geometry.bytes_per_sector;
+    qfs_result r = exfat_volume_begin_change(volume);
+    if (r != QFS_OK) return r;
     // The main region's boot sector is the one the volume keeps current (dirty flag, PercentInUse).
     put_le32(volume->boot_sector.get(), ed::boot::volume_serial_number, serial);
     memcpy(volume->main_boot_region.get(), volume->boot_sector.get(), bps);
-    qfs_result r = write_sealed_region(volume, volume->main_boot_region.get(), exfat_boot_region::main);
+    r = write_sealed_region(volume, volume->main_boot_region.get(), exfat_boot_region::main);
     if (r != QFS_OK) return r;
     memcpy(volume->boot_sector_on_disk.get(), volume->boot_sector.get(), bps);
     put_le32(volume->backup_boot_region.get(), ed::boot::volume_serial_number, serial);
@@ -57,7 +59,9 @@ qfs_result exfat_volume_store_root_record(exfat_volume *volume, const exfat_root
         QFS_LOG_ERROR("No free entry left in root directory for a volume record: %lu (%s)", QFS_ERR_ARGS(ENOSPC));
         return ENOSPC;
     }
-    qfs_result r = exfat_volume_write_exact(volume->device, position, ed::dentry_size, entry);
+    qfs_result r = exfat_volume_begin_change(volume);
+    if (r != QFS_OK) return r;
+    r = exfat_volume_write_exact(volume->device, position, ed::dentry_size, entry);
     if (r != QFS_OK) return r;
     r = qfs_device_sync(volume->device);
     if (r != QFS_OK) return r;

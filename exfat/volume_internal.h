@@ -62,6 +62,8 @@ struct exfat_volume {
     // The dirty flag is ours to clear at close only when the volume was clean
     // at open: an earlier unclean use stays on record until a check clears it.
     bool clean_at_open = false;
+    // Sector 0 was rewritten (dirty flag, PercentInUse) and not yet synced.
+    bool boot_sector_unsynced = false;
 
     // Sector 0 as this volume means it to be, and as the device holds it now.
     qfs_buffer boot_sector;
@@ -99,6 +101,8 @@ qfs_result exfat_volume_write_exact(qfs_device *device, uint64_t position, size_
 
 // Writes the cached boot sector to sector 0 and makes it durable.
 qfs_result exfat_volume_write_boot_sector(exfat_volume *volume);
+// Before any other metadata change: a dirty flag still in the cache must reach the medium first.
+qfs_result exfat_volume_begin_change(exfat_volume *volume);
 // Writes the cached boot sector only when it differs from what the device holds.
 qfs_result exfat_volume_write_boot_sector_fields(exfat_volume *volume);
 // PercentInUse from the allocation count, 0 to 100.
