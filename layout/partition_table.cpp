@@ -34,12 +34,14 @@ qfs_result write_mbr(qfs_device *dev, const tca_param *param, uint32_t start, ui
     return r;
 }
 
-void announce(format_progress *progress, const format_monitor *monitor) {
+// Announces the step; a row without a boundary unit has no partition to lay out.
+qfs_result begin_partitioning(const tca_param *param, format_progress *progress, const format_monitor *monitor) {
     const char *message = "Creating Tarn-compatible partition table...";
     if (progress != nullptr) {
         progress->message = message;
     }
     format_monitor_info(monitor, "%s", message);
+    return refuse_without_boundary_unit(param, monitor);
 }
 
 } // namespace
@@ -48,8 +50,7 @@ qfs_result exfat_format_create_tca_partitioning(qfs_device *dev, const tca_param
                                                 uint64_t partition_start_sector, uint64_t partition_sector_count,
                                                 uint64_t device_sector_count, bool compare_before_write,
                                                 format_progress *progress, const format_monitor *monitor) {
-    announce(progress, monitor);
-    qfs_result r = refuse_without_boundary_unit(param, monitor);
+    qfs_result r = begin_partitioning(param, progress, monitor);
     if (r != QFS_OK) {
         return r;
     }
@@ -71,8 +72,7 @@ qfs_result fat_format_create_tca_partitioning(qfs_device *dev, const tca_param *
                                               uint64_t partition_start_sector, uint64_t partition_sector_count,
                                               uint64_t device_sector_count, bool compare_before_write,
                                               format_progress *progress, const format_monitor *monitor) {
-    announce(progress, monitor);
-    qfs_result r = refuse_without_boundary_unit(param, monitor);
+    qfs_result r = begin_partitioning(param, progress, monitor);
     if (r != QFS_OK) {
         return r;
     }
