@@ -11,10 +11,10 @@
 #include <ctime>
 
 #include "device/qfs_device.h"
+#include "device/qfs_device_owner.h"
 #include "exfat/format.h"
 #include "layout/format_monitor.h"
 #include "support/qfs_error.h"
-#include "support/qfs_scope.h"
 
 namespace {
 
@@ -49,19 +49,14 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s <image>\n", argv[0]);
         return 2;
     }
-    qfs_device *device = nullptr;
-    qfs_result r = qfs_device_create_default(argv[1], 0, &device);
+    qfs_device_owner device;
+    qfs_result r = qfs_device_create_default(argv[1], 0, device.receive());
     if (r != QFS_OK) return fail("Failed to create the device", r);
-    qfs_cleanup destroy([&] { qfs_device_destroy(&device); });
 
     // An image answers no sector-size query: force lets the engine assume 512-byte sectors.
     constexpr bool force = true;
     r = qfs_device_open(device, force);
     if (r != QFS_OK) return fail("Failed to open the device", r);
-    bool open = true;
-    qfs_cleanup close([&] {
-        if (open) qfs_device_close(device);
-    });
 
     uint64_t progress_reports = 0;
     const format_monitor monitor{nullptr,     on_info, on_warning, on_error, &progress_reports, nullptr, nullptr,
@@ -75,7 +70,7 @@ int main(int argc, char **argv) {
     if (r != QFS_OK) return fail("Formatting failed", r);
     const double format_seconds = seconds_since(start);
 
-    open = false;
+    // The close flushes the page cache, so it is timed on its own.
     r = qfs_device_close(device);
     if (r != QFS_OK) return fail("Failed to close the device", r);
     printf("format_seconds=%.3f close_seconds=%.3f progress_reports=%llu\n", format_seconds,

@@ -4,7 +4,7 @@
 #     bash bench/run_benchmarks.sh [--runs N] [--syscalls]
 #
 # Builds the release tool and bench/exfat_overwrite_bench (cmake Release in
-# build/bench, -DQFS_BUILD_BENCH=ON) and times three cases on sparse images
+# build/bench, -DQFS_BUILD_BENCH=ON) and times these cases on sparse images
 # in a temporary folder under build/bench (deleted at the end, also on
 # failure or Ctrl-C):
 #
@@ -14,10 +14,18 @@
 #   overwrite-4G  exfat_overwrite_bench on a 4 GiB image: the exFAT engine
 #                 with zero_data and default geometry, so the padded writer
 #                 and the zero-fill walk write every byte of the image
+#   fat-2G        format_tarn --tca-relax on a 2 GiB image (4194304 sectors:
+#                 the gap between Tarn and TNB cards, so relaxed; FAT16)
+#   fat-32G       format_tarn on the largest FAT card, 66945024 sectors
+#                 (31.9 GiB: a 32 GiB image would get exFAT; FAT32)
+#   fat-ow-4G     format_tarn --overwrite on a 4 GiB image (8388608 sectors,
+#                 a TNB card: FAT32), every byte of the card written
+#   dry-2T        format_tarn --dry-run --tca-relax on a 2 TiB image, and
+#                 the same with --overwrite: every write is kept in memory
 #
-# Next to each: mkfs.exfat on an image of the same size (its quick format;
-# there is no overwrite in mkfs.exfat), and dd if=/dev/zero conv=fsync
-# writing as many bytes as our program wrote (4 GiB for the overwrite).
+# Next to each: mkfs.exfat or mkfs.fat on an image of the same size (their
+# quick formats; neither has an overwrite), and dd if=/dev/zero conv=fsync
+# writing as many bytes as our program wrote (4 GiB for the overwrites).
 #
 # Each program runs N times (default 3) on a fresh image; the table shows
 # medians. Before every run the file system is synced and, as root, the
@@ -32,13 +40,15 @@
 # time, which the shared disk's noise does not touch.
 #
 # Targets, printed as PASS/FAIL lines:
-#   - the overwrite reaches at least 90% of dd's throughput;
+#   - each overwrite reaches at least 90% of dd's throughput;
 #   - a quick format takes at most 1.2 x dd's time for the bytes it writes;
 #   - every run of our programs peaks below 16 MiB resident, whatever the
-#     card size (checked on the worst run).
+#     card size (checked on the worst run);
+#   - a dry run of a 2 TiB card, with or without --overwrite, peaks below 64 MiB.
 #
 # --syscalls adds one run of each of our programs under strace and prints
-# its count of pwrite/pread/fsync calls, bytes and the pwrite sizes.
+# its count of pwrite/pread/fsync calls, bytes, the pwrite sizes and the time
+# each fsync took (what the format's sync points cost).
 #
 # Needs about 5 GiB free on the build folder's file system (the overwrite
 # image and dd's copy of it are real data, one at a time). The raw runs are
@@ -102,7 +112,8 @@ echo "disk:       $disk $(lsblk -n -d -o SIZE,ROTA,MODEL "/dev/$disk" 2>/dev/nul
 echo "space:      $(df -h --output=size,used,avail "$work" | tail -1 | sed 's/  */ /g') (size used avail)"
 echo "dirty:      vm.dirty_ratio=$(cat /proc/sys/vm/dirty_ratio) vm.dirty_background_ratio=$(cat /proc/sys/vm/dirty_background_ratio)"
 echo "caches:     $([ $can_drop = 1 ] && echo 'dropped before every run' || echo 'NOT dropped (not root)')"
-echo "versions:   $(mkfs.exfat -V 2>&1 | head -1); dd $(dd --version | head -1 | awk '{print $NF}')"
+echo "versions:   $(mkfs.exfat -V 2>&1 | head -1); $(mkfs.fat --help 2>&1 | head -1);" \
+     "dd $(dd --version | head -1 | awk '{print $NF}')"
 
 # ---- measuring one run ------------------------------------------------------
 tsv=$build/bench-runs.tsv
@@ -146,25 +157,30 @@ worst() { awk -F'\t' -v c="$1" -v p="$2" -v k="$3" '$1 == c && $2 == p && $k > m
 
 fresh_image() { rm -f "$1"; truncate -s "$2" "$1"; }
 
-# run_case CASE SIZE quick|overwrite [TOOL-ARGS...]: rounds of our program, mkfs.exfat
-# and dd, interleaved so that drift in the shared disk's speed hits all three
-# alike. dd writes the bytes our program wrote in the first round (quick) or
-# the whole size (overwrite).
+# run_case CASE SIZE KIND MKFS [TOOL-ARGS...]: rounds of our program, MKFS
+# (mkfs.exfat or mkfs.fat) and dd, interleaved so that drift in the shared
+# disk's speed hits all three alike. KIND is quick (format_tarn), overwrite
+# (format_tarn --overwrite) or engine-overwrite (exfat_overwrite_bench). dd
+# writes the bytes our program wrote in the first round (quick) or the whole
+# size (the overwrites).
 run_case() {
-    local case_name=$1 size=$2 kind=$3
-    shift 3
+    local case_name=$1 size=$2 kind=$3 mkfs=$4
+    shift 4
     local image=$work/card.img i dd_bytes=$size
     echo "== $case_name ($size bytes)"
     for i in $(seq "$runs"); do
         fresh_image "$image" "$size"
-        if [ "$kind" = quick ]; then
-            measure "$case_name" format_tarn "$i" "$image" "$tool" --tca-formatter-progress "$@" "$image"
-            if [ "$i" = 1 ]; then dd_bytes=$(tail -1 "$tsv" | cut -f5); fi
-        else
-            measure "$case_name" exfat_overwrite_bench "$i" "$image" "$overwrite" "$image"
-        fi
+        case $kind in
+            quick)
+                measure "$case_name" format_tarn "$i" "$image" "$tool" --tca-formatter-progress "$@" "$image"
+                if [ "$i" = 1 ]; then dd_bytes=$(tail -1 "$tsv" | cut -f5); fi ;;
+            overwrite)
+                measure "$case_name" format_tarn-overwrite "$i" "$image" \
+                    "$tool" --overwrite --tca-formatter-progress "$@" "$image" ;;
+            engine-overwrite) measure "$case_name" exfat_overwrite_bench "$i" "$image" "$overwrite" "$image" ;;
+        esac
         fresh_image "$image" "$size"
-        measure "$case_name" mkfs.exfat "$i" "$image" mkfs.exfat "$image"
+        measure "$case_name" "$mkfs" "$i" "$image" "$mkfs" "$image"
         rm -f "$image" "$work/dd.out"
         measure "$case_name" dd "$i" "$work/dd.out" \
             dd if=/dev/zero of="$work/dd.out" bs=1M count="$dd_bytes" iflag=count_bytes conv=fsync
@@ -172,9 +188,17 @@ run_case() {
     done
 }
 
-run_case quick-64G $((64 * gib)) quick
-run_case quick-2T $((4294967296 * 512)) quick --tca-relax
-run_case overwrite-4G $((4 * gib)) overwrite
+run_case quick-64G $((64 * gib)) quick mkfs.exfat
+run_case quick-2T $((4294967296 * 512)) quick mkfs.exfat --tca-relax
+run_case overwrite-4G $((4 * gib)) engine-overwrite mkfs.exfat
+run_case fat-2G $((2 * gib)) quick mkfs.fat --tca-relax
+run_case fat-32G $((66945024 * 512)) quick mkfs.fat
+run_case fat-ow-4G $((4 * gib)) overwrite mkfs.fat
+echo "== dry-2T"
+fresh_image "$work/card.img" $((4294967296 * 512))
+measure dry-2T format_tarn 1 "$work/card.img" "$tool" --dry-run --tca-relax "$work/card.img"
+measure dry-2T format_tarn-overwrite 1 "$work/card.img" "$tool" --dry-run --overwrite --tca-relax "$work/card.img"
+rm -f "$work/card.img"
 
 # ---- report -----------------------------------------------------------------
 echo
@@ -182,7 +206,9 @@ echo "== results (median of $runs runs; MB = 10^6 bytes)"
 printf '%-13s %-22s %8s %14s %9s %12s\n' case program "wall s" "bytes written" "MB/s" "max RSS KiB"
 rows=(quick-64G:format_tarn quick-64G:mkfs.exfat quick-64G:dd
       quick-2T:format_tarn quick-2T:mkfs.exfat quick-2T:dd
-      overwrite-4G:exfat_overwrite_bench overwrite-4G:mkfs.exfat overwrite-4G:dd)
+      overwrite-4G:exfat_overwrite_bench overwrite-4G:mkfs.exfat overwrite-4G:dd
+      fat-2G:format_tarn fat-2G:mkfs.fat fat-2G:dd fat-32G:format_tarn fat-32G:mkfs.fat fat-32G:dd
+      fat-ow-4G:format_tarn-overwrite fat-ow-4G:mkfs.fat fat-ow-4G:dd)
 for row in "${rows[@]}"; do
     c=${row%%:*} p=${row#*:}
     w=$(median "$c" "$p" 4) b=$(median "$c" "$p" 5) m=$(median "$c" "$p" 6)
@@ -206,19 +232,26 @@ verdict() { # verdict OK TEXT
 }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", (b > 0 ? a / b : 0)}'; }
 
-ow_rate=$(awk -v b="$(median overwrite-4G exfat_overwrite_bench 5)" -v w="$(median overwrite-4G exfat_overwrite_bench 4)" \
-    'BEGIN {print b / w}')
-dd_rate=$(awk -v b="$(median overwrite-4G dd 5)" -v w="$(median overwrite-4G dd 4)" 'BEGIN {print b / w}')
-r=$(ratio "$ow_rate" "$dd_rate")
-verdict "$(awk -v r="$r" 'BEGIN {print (r >= 0.9)}')" "overwrite-4G throughput is $r x dd's (target >= 0.9)"
-for c in quick-64G quick-2T; do
+for row in overwrite-4G:exfat_overwrite_bench fat-ow-4G:format_tarn-overwrite; do
+    c=${row%%:*} p=${row#*:}
+    ow_rate=$(awk -v b="$(median "$c" "$p" 5)" -v w="$(median "$c" "$p" 4)" 'BEGIN {print b / w}')
+    dd_rate=$(awk -v b="$(median "$c" dd 5)" -v w="$(median "$c" dd 4)" 'BEGIN {print b / w}')
+    r=$(ratio "$ow_rate" "$dd_rate")
+    verdict "$(awk -v r="$r" 'BEGIN {print (r >= 0.9)}')" "$c throughput is $r x dd's (target >= 0.9)"
+done
+for c in quick-64G quick-2T fat-2G fat-32G; do
     r=$(ratio "$(median "$c" format_tarn 4)" "$(median "$c" dd 4)")
     verdict "$(awk -v r="$r" 'BEGIN {print (r <= 1.2)}')" "$c takes $r x dd's time for the same bytes (target <= 1.2)"
 done
-for row in quick-64G:format_tarn quick-2T:format_tarn overwrite-4G:exfat_overwrite_bench; do
+for row in quick-64G:format_tarn quick-2T:format_tarn overwrite-4G:exfat_overwrite_bench fat-2G:format_tarn \
+    fat-32G:format_tarn fat-ow-4G:format_tarn-overwrite; do
     c=${row%%:*} p=${row#*:}
     m=$(worst "$c" "$p" 6)
     verdict "$([ "$m" -lt 16384 ] && echo 1 || echo 0)" "$c $p peaks at $m KiB resident (target < 16384)"
+done
+for p in format_tarn format_tarn-overwrite; do
+    m=$(worst dry-2T "$p" 6)
+    verdict "$([ "$m" -lt 65536 ] && echo 1 || echo 0)" "dry-2T $p peaks at $m KiB resident, $(median dry-2T "$p" 4) s (target < 65536)"
 done
 
 # ---- optional syscall profile -----------------------------------------------
@@ -229,16 +262,18 @@ if [ $syscalls = 1 ]; then
         shift 2
         fresh_image "$image" "$size"
         settle
-        strace -f -o "$work/strace.out" -e trace=pwrite64,pread64,fsync,fdatasync "$@" "$image" >/dev/null 2>&1 \
+        strace -f -T -o "$work/strace.out" -e trace=pwrite64,pread64,fsync,fdatasync "$@" "$image" >/dev/null 2>&1 \
             || die "$case_name failed under strace"
         rm -f "$image"
         echo "-- $case_name: $*"
+        # With -T each line ends in "= result <seconds>".
         awk '
-            /pwrite64\(/ { n = $NF; if (n ~ /^[0-9]+$/) { w++; wb += n; size[n]++ } }
+            /pwrite64\(/ { n = $(NF - 1); if (n ~ /^[0-9]+$/) { w++; wb += n; size[n]++ } }
             /pread64\(/  { r++ }
-            /fsync\(|fdatasync\(/ { s++ }
+            /fsync\(|fdatasync\(/ { s++; t = $NF; gsub(/[<>]/, "", t); st += t; each = each sprintf(" %.1f", t * 1000) }
             END {
                 printf "   pwrite %d calls, %.0f bytes; pread %d calls; fsync %d calls\n", w, wb, r, s
+                printf "   fsync time %.1f ms:%s\n", st * 1000, each
                 printf "   pwrite sizes:"
                 for (k in size) printf " %dx%s", size[k], k
                 printf "\n"
@@ -249,6 +284,8 @@ if [ $syscalls = 1 ]; then
     profile quick-64G $((64 * gib)) "$tool" --tca-formatter-progress
     profile quick-2T $((4294967296 * 512)) "$tool" --tca-formatter-progress --tca-relax
     profile overwrite-4G $((4 * gib)) "$overwrite"
+    profile fat-32G $((66945024 * 512)) "$tool" --tca-formatter-progress
+    profile fat-ow-4G $((4 * gib)) "$tool" --tca-formatter-progress --overwrite
 fi
 
 exit $failed

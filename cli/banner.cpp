@@ -1,6 +1,7 @@
 #include "cli/banner.h"
 
 #include "cli/format_tarn_args.h"
+#include "cli/standard_streams.h"
 #include "cli/version.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_options.h"
@@ -36,7 +37,7 @@ void print_tca_header(FILE *stream) {
     }
     fprintf(stream, "Tarn Card Formatter version %s (build %s)\n", version, FORMAT_TARN_BUILD_LABEL);
     fputs("Developed by Quorvex Inc.\n", stream);
-    fflush(stream);
+    format_flush(stream);
     banner_printed = true;
 }
 
@@ -45,7 +46,7 @@ void print_help(FILE *stream, const char *program_path) {
     fputs("For assistance, please contact TCA Helpdesk at:\n", stream);
     fprintf(stream, "\t%s <%s>\n\n", help_desk_name, help_desk_address);
     qfs_options_print_usage(stream, program_path, format_tarn_option_table, format_tarn_option_count);
-    fflush(stream);
+    format_flush(stream);
 }
 
 void print_about(FILE *stream) {
@@ -58,5 +59,5 @@ void print_about(FILE *stream) {
     for (const char *author : authors) {
         fprintf(stream, "    %s\n", author);
     }
-    fflush(stream);
+    format_flush(stream);
 }

@@ -20,6 +20,11 @@ struct format_options {
     uint32_t force;
     uint32_t about;
     uint32_t help;
+    uint32_t dry_run; // format in memory only; the card keeps every byte
+    uint32_t list;             // list the disks that take cards instead of formatting
+    uint32_t list_all;         // --all: list every whole disk
+    uint32_t list_json;        // --json: list as one JSON document
+    uint32_t allow_fixed_disk; // format a disk that takes no cards, after a warning
 };
 
 extern format_options format_tarn_options;

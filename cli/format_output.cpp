@@ -1,6 +1,7 @@
 #include "cli/format_output.h"
 
 #include "cli/format_options.h"
+#include "cli/standard_streams.h"
 
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -77,7 +78,7 @@ void draw_progress_bar(format_output_context *context, uint32_t percent, const c
     } else {
         fputs("\n", out);
     }
-    fflush(out);
+    format_flush(out);
 }
 
 } // namespace
@@ -96,7 +97,7 @@ void format_output_release(format_output_context *context) {
 void format_update_fstype(void *context, const char *name) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "FSTYPE:%s\n", name);
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) replace_copy(&as_context(context)->fs_type, name);
 }
@@ -104,7 +105,7 @@ void format_update_fstype(void *context, const char *name) {
 void format_update_cluster_size(void *context, uint32_t bytes) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "FSCLUSTERSIZE:%lu\n", static_cast<unsigned long>(bytes));
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) as_context(context)->cluster_size = bytes;
 }
@@ -112,7 +113,7 @@ void format_update_cluster_size(void *context, uint32_t bytes) {
 void format_update_device_total_bytes(void *context, uint64_t bytes) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "DEVICETOTALBYTES:%llu\n", static_cast<unsigned long long>(bytes));
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) as_context(context)->device_total_bytes = bytes;
 }
@@ -120,7 +121,7 @@ void format_update_device_total_bytes(void *context, uint64_t bytes) {
 void format_update_fs_total_bytes(void *context, uint64_t bytes) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "FSTOTALBYTES:%llu\n", static_cast<unsigned long long>(bytes));
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) as_context(context)->fs_total_bytes = bytes;
 }
@@ -128,7 +129,7 @@ void format_update_fs_total_bytes(void *context, uint64_t bytes) {
 void format_update_fs_bytes_free(void *context, uint64_t bytes) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "FSBYTESFREE:%llu\n", static_cast<unsigned long long>(bytes));
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) as_context(context)->fs_bytes_free = bytes;
 }
@@ -136,7 +137,7 @@ void format_update_fs_bytes_free(void *context, uint64_t bytes) {
 void format_update_fslabel(void *context, const char *label) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "FSLABEL:%s\n", label);
-        fflush(stdout);
+        format_flush(stdout);
     }
     if (context) replace_copy(&as_context(context)->label, label);
 }
@@ -144,7 +145,7 @@ void format_update_fslabel(void *context, const char *label) {
 void format_update_progress(void *context, uint32_t percent, const char *text) {
     if (format_tarn_options.tca_formatter_progress) {
         fprintf(stdout, "PROGRESS:%lu/%lu %s\n", static_cast<unsigned long>(percent), 100ul, text);
-        fflush(stdout);
+        format_flush(stdout);
         return;
     }
     if (!format_tarn_options.progress_bar || context == nullptr) {
@@ -214,7 +215,7 @@ qfs_result format_setup_signal_handlers() {
     return QFS_OK;
 }
 
-void format_print_size_line(const char *prefix, uint64_t value) {
+void format_size_text(uint64_t value, char *text, size_t size) {
     // A zero value has no unit in the search; it prints with the unit of index 0.
     size_t unit = 0;
     for (size_t i = sizeof(size_units) / sizeof(size_units[0]); i-- > 1;) {
@@ -231,7 +232,13 @@ void format_print_size_line(const char *prefix, uint64_t value) {
         whole += 1;
         tenths = 0;
     }
-    fprintf(stderr, "%s%llu.%hu %sB (%llu bytes)\n", prefix, static_cast<unsigned long long>(whole),
-            static_cast<unsigned short>(tenths), size_units[unit].prefix, static_cast<unsigned long long>(value));
+    snprintf(text, size, "%llu.%hu %sB (%llu bytes)", static_cast<unsigned long long>(whole),
+             static_cast<unsigned short>(tenths), size_units[unit].prefix, static_cast<unsigned long long>(value));
+}
+
+void format_print_size_line(const char *prefix, uint64_t value) {
+    char text[FORMAT_SIZE_TEXT_SIZE];
+    format_size_text(value, text, sizeof(text));
+    fprintf(stderr, "%s%s\n", prefix, text);
     fflush(stderr);
 }

@@ -4,6 +4,7 @@
 // --tca-formatter-progress and --progress-bar of the process-wide record.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -40,5 +41,9 @@ qfs_result format_setup_signal_handlers();
 // True once a window-change signal arrived and the size was not re-read since.
 bool format_window_changed();
 
-// "<prefix>29.7 GiB (31914983424 bytes)" and a newline on standard error.
+// Room for the longest size text: "16.0 EiB (18446744073709551615 bytes)".
+inline constexpr size_t FORMAT_SIZE_TEXT_SIZE = 48;
+// "29.7 GiB (31914983424 bytes)", cut to `size` bytes with its NUL.
+void format_size_text(uint64_t value, char *text, size_t size);
+// "<prefix>" and the size text and a newline on standard error.
 void format_print_size_line(const char *prefix, uint64_t value);

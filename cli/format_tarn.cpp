@@ -7,47 +7,35 @@
 #include <cstdio>
 
 #include "cli/banner.h"
+#include "cli/card_list.h"
+#include "cli/card_plan.h"
+#include "cli/fixed_disk_guard.h"
 #include "cli/format_options.h"
 #include "cli/format_output.h"
 #include "cli/format_runs.h"
 #include "cli/format_tarn_args.h"
+#include "cli/standard_streams.h"
 #include "cli/update_check.h"
 #include "cli/version.h"
 #include "device/qfs_device.h"
+#include "device/qfs_device_hold.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
 #include "support/qfs_scope.h"
 
+#include <memory>
+
 namespace {
 
 constexpr const char *main_function = "_qfs_main";
-
-// Cards up to this many 512-byte sectors get FAT; larger ones exFAT.
-constexpr uint64_t exfat_threshold_sectors = 66945024;
 
 // Creation flags for the first look at the device: read-only, no locking.
 constexpr uint64_t inspection_flags = QFS_DEVICE_FLAG_READ_ONLY | QFS_DEVICE_FLAG_NO_LOCKING;
 
 enum : uint32_t { discard_none = 0, discard_regular = 1, discard_secure = 2 };
 
-struct capacity_class {
-    uint64_t max_sectors;
-    const char *name;
-};
-// Upper bounds are inclusive.
-constexpr capacity_class capacity_classes[] = {
-    {4153344, "Tarn"},      // 2126512128 bytes
-    {66945024, "TNB"},      // 34275852288 bytes
-    {4294705152, "TNC"},    // 2198889037824 bytes
-    {UINT64_MAX, "TNE"},
-};
-
-const char *class_name(uint64_t sectors) {
-    for (const auto &c : capacity_classes) {
-        if (sectors <= c.max_sectors) return c.name;
-    }
-    return "TNE";
-}
+// Where --list and the fixed-disk refusal read sysfs and the mount table.
+const qfs_system_paths *system_paths = &qfs_system_paths_default;
 
 void monitor_info(void *, const char *format, va_list args) {
     if (!format_tarn_options.verbose) return;
@@ -107,12 +95,30 @@ qfs_result run_update_check() {
     if (available) {
         fprintf(stdout, "\nThe latest version can be downloaded at:\n\t%s\n\n", FORMAT_TARN_DOWNLOAD_URL);
     }
-    fflush(stdout);
+    format_flush(stdout);
     return QFS_OK;
 }
 
-// Refuses a mounted or busy device unless forced. Answers 0 to go on.
-qfs_result check_in_use(qfs_device *device, const char *path, bool force) {
+struct hold_releaser {
+    void operator()(qfs_device_hold *hold) const { qfs_device_hold_destroy(&hold); }
+};
+using device_hold = std::unique_ptr<qfs_device_hold, hold_releaser>;
+
+// Takes the card for the rest of the run; answers QFS_ERR_SYS_BUSY when someone else has it.
+qfs_result take_hold(const char *path, bool force, device_hold &hold) {
+    qfs_device_hold *taken = nullptr;
+    // A forced run must not claim the device exclusively: it may be mounted on purpose.
+    const qfs_result r = qfs_device_hold_create(path, !force, &taken);
+    if (r == QFS_OK) {
+        hold.reset(taken);
+    } else if (r != QFS_ERR_SYS_BUSY) {
+        QFS_LOG_ERROR_AS(main_function, "Error while locking the device for formatting: %lu (%s)", QFS_ERR_ARGS(r));
+    }
+    return r;
+}
+
+// Refuses a mounted or busy device unless forced, and holds a free one. Answers 0 to go on.
+qfs_result check_in_use(qfs_device *device, const char *path, bool force, device_hold &hold) {
     uint32_t mounted = 0, busy = 0;
     qfs_result r = qfs_device_check_if_in_use(device, &mounted, &busy);
     if (r != QFS_OK) {
@@ -120,7 +126,11 @@ qfs_result check_in_use(qfs_device *device, const char *path, bool force) {
         return r;
     }
     if (!mounted && !busy) {
-        return QFS_OK;
+        // Whoever got the device since the check above makes it busy after all.
+        r = take_hold(path, force, hold);
+        if (r == QFS_OK) return QFS_OK;
+        if (r != QFS_ERR_SYS_BUSY) return r;
+        busy = 1;
     }
     // A device both mounted and busy is reported as mounted only.
     const char *state_line = mounted ? "Warning: %s is mounted." : "Warning: %s is in use.";
@@ -131,7 +141,7 @@ qfs_result check_in_use(qfs_device *device, const char *path, bool force) {
                       : "Refusing to create a new filesystem on a busy device.\n",
               stderr);
         fflush(stderr);
-        return mounted ? EINVAL : EBUSY;
+        return mounted ? QFS_ERR_SYS_INVALID_ARGUMENT : QFS_ERR_SYS_BUSY;
     }
     fprintf(stderr, "%s is forced anyway.\n", "format_tarn");
     fflush(stderr);
@@ -142,6 +152,7 @@ qfs_result check_in_use(qfs_device *device, const char *path, bool force) {
 struct inspection {
     qfs_device *device = nullptr;
     bool open = false;
+    device_hold hold; // outlives the inspection: released only after the format
 };
 
 qfs_result inspect_device(inspection &look, const char *path, bool is_regular_file, uint64_t *out_sectors) {
@@ -150,7 +161,7 @@ qfs_result inspect_device(inspection &look, const char *path, bool is_regular_fi
         QFS_LOG_ERROR_AS(main_function, "Failed to create fat_device: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
-    r = check_in_use(look.device, path, format_tarn_options.force != 0);
+    r = check_in_use(look.device, path, format_tarn_options.force != 0, look.hold);
     if (r != QFS_OK) {
         return r;
     }
@@ -163,7 +174,7 @@ qfs_result inspect_device(inspection &look, const char *path, bool is_regular_fi
     if (!is_regular_file) {
         uint64_t start = 0;
         r = qfs_device_get_partition_start_sector(look.device, &start);
-        if (r == ENOENT) {
+        if (r == QFS_ERR_SYS_NO_ENTRY) {
             start = 0; // a whole device has no partition start
         } else if (r != QFS_OK) {
             QFS_LOG_ERROR_AS(main_function, "Error while getting device start sector: %lu (%s)", QFS_ERR_ARGS(r));
@@ -189,7 +200,8 @@ qfs_result inspect_device(inspection &look, const char *path, bool is_regular_fi
         return r;
     }
     look.open = false;
-    qfs_device_destroy(&look.device); // the runs open the device anew; a failure here is ignored
+    // The runs open the device anew; a failure to free this first look changes nothing for them.
+    static_cast<void>(qfs_device_destroy(&look.device));
     *out_sectors = sectors;
     return QFS_OK;
 }
@@ -216,7 +228,7 @@ void release_inspection(inspection &look, qfs_first_error &result) {
 }
 
 void print_volume_information(const format_output_context &output, const char *path, uint64_t sectors) {
-    fprintf(stderr, "%s formatting of \"%s\" was successfully completed.\n", class_name(sectors), path);
+    fprintf(stderr, "%s formatting of \"%s\" was successfully completed.\n", format_card_class_name(sectors), path);
     fflush(stderr);
     fputs("Volume information:\n", stderr);
     fflush(stderr);
@@ -237,6 +249,11 @@ qfs_result format_device(const char *path, format_output_context &output) {
     if (stat(path, &st) != 0) {
         st = {}; // treated as not a regular file
     }
+    // Opening a FIFO for reading waits for a writer, and neither it nor a socket can hold a card.
+    if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) {
+        QFS_LOG_ERROR_AS(main_function, "Device '%s' is neither a block device nor an image file.", path);
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
     inspection look;
     qfs_first_error result;
     uint64_t sectors = 0;
@@ -245,8 +262,16 @@ qfs_result format_device(const char *path, format_output_context &output) {
     if (result.failed()) {
         return result.result;
     }
+    // A partition was refused above; a whole disk must be one that takes cards, or be allowed.
+    if (S_ISBLK(st.st_mode)) {
+        const qfs_result r =
+            format_check_fixed_disk(system_paths, path, st.st_rdev, opts.allow_fixed_disk != 0);
+        if (r != QFS_OK) {
+            return r;
+        }
+    }
 
-    const bool use_exfat = sectors > exfat_threshold_sectors;
+    const bool use_exfat = sectors > FORMAT_EXFAT_THRESHOLD_SECTORS;
     const uint32_t discard_mode = opts.secure_discard ? discard_secure : opts.discard ? discard_regular : discard_none;
 
     format_output_init(stdout, &output);
@@ -275,6 +300,10 @@ qfs_result format_device(const char *path, format_output_context &output) {
     }
     if (r == QFS_OK) {
         print_volume_information(output, path, sectors);
+        if (opts.dry_run) {
+            fprintf(stderr, "Dry run: nothing was written to \"%s\".\n", path);
+            fflush(stderr);
+        }
     }
     return r;
 }
@@ -303,12 +332,26 @@ qfs_result _qfs_main(int argc, char **argv) {
     if (opts.update_check) {
         return run_update_check();
     }
+    if (opts.list) {
+        return format_list_disks(system_paths, opts.list_all != 0, opts.list_json != 0);
+    }
     format_output_context output{};
     const qfs_result r = format_device(opts.device, output);
     format_output_release(&output);
     return r;
 }
 
+void format_tarn_set_system_paths(const qfs_system_paths *paths) {
+    system_paths = paths != nullptr ? paths : &qfs_system_paths_default;
+}
+
 int format_tarn(int argc, char **argv) {
-    return _qfs_main(argc, argv) == QFS_OK ? 0 : 1;
+    qfs_result r = _qfs_main(argc, argv);
+    // Lost output fails the run, but only after the card was finished.
+    const qfs_result lost = format_stdout_failure();
+    if (lost != QFS_OK) {
+        QFS_LOG_ERROR_AS(main_function, "Output to standard output was lost: %lu (%s)", QFS_ERR_ARGS(lost));
+        if (r == QFS_OK) r = lost;
+    }
+    return r == QFS_OK ? 0 : 1;
 }

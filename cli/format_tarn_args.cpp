@@ -5,6 +5,8 @@
 #include <cstdio>
 
 #include "cli/banner.h"
+#include "cli/format_runs.h"
+#include "device/qfs_device.h"
 
 format_options format_tarn_options{};
 
@@ -32,17 +34,28 @@ const qfs_option format_tarn_option_table[] = {
     {0, 'f', "force", QFS_OPTION_FLAG, nullptr, &o.force, nullptr, 1},
     {0, 0, "about", QFS_OPTION_FLAG, nullptr, &o.about, nullptr, 0},
     {0, 'h', "help", QFS_OPTION_FLAG, nullptr, &o.help, nullptr, 0},
+    // Left out of the usage line, which front ends and scripts may read as it always was.
+    {0, 0, "dry-run", QFS_OPTION_FLAG, nullptr, &o.dry_run, nullptr, 1},
+    // --list needs no device; --all and --json only shape its output.
+    {0, 0, "list", QFS_OPTION_FLAG, nullptr, &o.list, nullptr, 0},
+    {0, 0, "all", QFS_OPTION_FLAG, nullptr, &o.list_all, nullptr, 1},
+    {0, 0, "json", QFS_OPTION_FLAG, nullptr, &o.list_json, nullptr, 1},
+    {0, 0, "allow-fixed-disk", QFS_OPTION_FLAG, nullptr, &o.allow_fixed_disk, nullptr, 1},
     // The positional device path.
     {1, 0, nullptr, QFS_OPTION_STRING, nullptr, &o.device, "device", 1},
 };
 const size_t format_tarn_option_count = sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]);
-static_assert(sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]) == 16);
+static_assert(sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]) == 21);
 
 bool format_parse_args(int argc, char **argv) {
     format_tarn_options = format_options{};
     bool ok = argc >= 2 && qfs_options_parse(argc, argv, format_tarn_option_table, format_tarn_option_count);
     if (ok && o.progress_bar && o.tca_formatter_progress) {
         fputs("Error: Conflict between --progress-bar and --tca-formatter-progress options.\n", stderr);
+        ok = false;
+    }
+    if (ok && (o.list_all || o.list_json) && !o.list) {
+        fputs("Error: --all and --json go with --list only.\n", stderr);
         ok = false;
     }
     if (ok && !o.tca_formatter_progress && isatty(STDOUT_FILENO)) {
@@ -54,3 +67,5 @@ bool format_parse_args(int argc, char **argv) {
     }
     return ok;
 }
+
+uint64_t format_run_device_flags() { return o.dry_run ? static_cast<uint64_t>(QFS_DEVICE_FLAG_SHADOW) : 0; }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/standard_streams.h"
 #include "cli/version.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
@@ -251,10 +252,10 @@ qfs_result update_check(int *out_update_available, int32_t *out_latest_raw, char
     qfs_unique<char[]> program(get_curl_or_wget_pathname(&is_curl, &is_wget));
     if (!program) {
         QFS_LOG_ERROR("Could not find a usable wget or curl binary");
-        return ENOENT;
+        return QFS_ERR_SYS_NO_ENTRY;
     }
     fputs("Fetching latest version information...\n", stdout);
-    fflush(stdout);
+    format_flush(stdout);
 
     char *command_text = nullptr;
     const char *arguments = is_curl ? "--silent --location --fail" : "-q -O -";

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "device/qfs_device_shadow_io.h"
 #include "device/qfs_device_unix_io.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
@@ -14,9 +15,14 @@ const qfs_device_operations *operations_of(const qfs_device *device) { return de
 
 bool has_range(const qfs_device *device) { return device->size != 0; }
 
-// The dry-run layer that keeps every write in memory is not part of this
-// build yet, so a device that asks for it cannot be made.
-qfs_result stack_shadow_layer(qfs_device *) { return QFS_ERR_NOT_IMPLEMENTED; }
+// Puts the dry-run layer on top of the backend.
+qfs_result stack_shadow_layer(qfs_device *device) {
+    qfs_device_layer *shadow = nullptr;
+    const qfs_result r = qfs_device_shadow_io_init(device, nullptr, &shadow);
+    if (r != QFS_OK) return r;
+    device->layer = shadow;
+    return QFS_OK;
+}
 
 // Frees a device whose creation failed after its layer was made.
 void destroy_layer_quietly(qfs_device *device) {

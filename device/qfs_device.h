@@ -60,7 +60,7 @@ struct qfs_io_context {
 };
 
 // Appends a descriptor; fails with the allocator's code.
-qfs_result qfs_io_context_append(qfs_io_context *context, const qfs_io_buffer &buffer);
+[[nodiscard]] qfs_result qfs_io_context_append(qfs_io_context *context, const qfs_io_buffer &buffer);
 
 struct qfs_device_operations {
     qfs_result (*init)(qfs_device *device, const char *path);
@@ -105,55 +105,65 @@ struct qfs_device {
     uint32_t alignment;
 };
 
-qfs_result qfs_device_create(const char *path, uint64_t flags, const qfs_device_operations *operations,
-                             qfs_device **out_device);
-qfs_result qfs_device_create_default(const char *path, uint64_t flags, qfs_device **out_device);
-qfs_result qfs_device_destroy(qfs_device **device);
+[[nodiscard]] qfs_result qfs_device_create(const char *path, uint64_t flags, const qfs_device_operations *operations,
+                                           qfs_device **out_device);
+[[nodiscard]] qfs_result qfs_device_create_default(const char *path, uint64_t flags, qfs_device **out_device);
+[[nodiscard]] qfs_result qfs_device_destroy(qfs_device **device);
 
-qfs_result qfs_device_open(qfs_device *device, int force);
-qfs_result qfs_device_close(qfs_device *device);
+[[nodiscard]] qfs_result qfs_device_open(qfs_device *device, int force);
+[[nodiscard]] qfs_result qfs_device_close(qfs_device *device);
 
-qfs_result qfs_device_set_range(qfs_device *device, uint64_t start, uint64_t size);
-qfs_result qfs_device_clear_range(qfs_device *device);
+[[nodiscard]] qfs_result qfs_device_set_range(qfs_device *device, uint64_t start, uint64_t size);
+[[nodiscard]] qfs_result qfs_device_clear_range(qfs_device *device);
 
-qfs_result qfs_device_pread(qfs_device *device, uint64_t position, size_t count, void *buffer,
-                            size_t *out_bytes_read);
-qfs_result qfs_device_pwrite(qfs_device *device, uint64_t position, size_t count, const void *buffer,
-                             size_t *out_bytes_written);
+[[nodiscard]] qfs_result qfs_device_pread(qfs_device *device, uint64_t position, size_t count, void *buffer,
+                                          size_t *out_bytes_read);
+[[nodiscard]] qfs_result qfs_device_pwrite(qfs_device *device, uint64_t position, size_t count, const void *buffer,
+                                           size_t *out_bytes_written);
 // The same with transfer class 2.
-qfs_result qfs_device_pread_2(qfs_device *device, uint64_t position, size_t count, void *buffer,
-                              size_t *out_bytes_read);
-qfs_result qfs_device_pwrite_2(qfs_device *device, uint64_t position, size_t count, const void *buffer,
-                               size_t *out_bytes_written);
-qfs_result qfs_device_pread_ioc(qfs_device *device, qfs_io_context *context, void *buffer, size_t count,
-                                uint64_t position, size_t contiguous_bytes, uint32_t flags,
-                                size_t *out_bytes_read);
-qfs_result qfs_device_pwrite_ioc(qfs_device *device, qfs_io_context *context, const void *buffer,
-                                 size_t count, uint64_t position, uint32_t flags, size_t *out_bytes_written);
+[[nodiscard]] qfs_result qfs_device_pread_2(qfs_device *device, uint64_t position, size_t count, void *buffer,
+                                            size_t *out_bytes_read);
+[[nodiscard]] qfs_result qfs_device_pwrite_2(qfs_device *device, uint64_t position, size_t count, const void *buffer,
+                                             size_t *out_bytes_written);
+// Transfers of exactly `count` bytes, for callers that cannot use fewer: a
+// short transfer is QFS_ERR_IO_ERROR.
+[[nodiscard]] qfs_result qfs_device_read_exact(qfs_device *device, uint64_t position, size_t count, void *buffer);
+[[nodiscard]] qfs_result qfs_device_write_exact(qfs_device *device, uint64_t position, size_t count,
+                                                const void *buffer);
+[[nodiscard]] qfs_result qfs_device_pread_ioc(qfs_device *device, qfs_io_context *context, void *buffer, size_t count,
+                                              uint64_t position, size_t contiguous_bytes, uint32_t flags,
+                                              size_t *out_bytes_read);
+[[nodiscard]] qfs_result qfs_device_pwrite_ioc(qfs_device *device, qfs_io_context *context, const void *buffer,
+                                               size_t count, uint64_t position, uint32_t flags,
+                                               size_t *out_bytes_written);
 
-qfs_result qfs_device_sync(qfs_device *device);
-qfs_result qfs_device_get_size_in_sectors(qfs_device *device, uint32_t sector_size, uint64_t *out_count);
-qfs_result qfs_device_set_size(qfs_device *device, uint64_t size_bytes);
-qfs_result qfs_device_get_partition_start_sector(qfs_device *device, uint64_t *out_sector);
-qfs_result qfs_device_get_heads(qfs_device *device, uint32_t *out_heads);
-qfs_result qfs_device_get_sectors_per_track(qfs_device *device, uint32_t *out_sectors_per_track);
-qfs_result qfs_device_get_sector_size(qfs_device *device, uint32_t *out_sector_size);
-qfs_result qfs_device_refresh_partition_table(qfs_device *device);
-qfs_result qfs_device_clear_partition_table(qfs_device *device, void *argument);
-qfs_result qfs_device_discard_byte_range(qfs_device *device, uint64_t position, uint64_t count,
-                                         uint32_t secure);
+[[nodiscard]] qfs_result qfs_device_sync(qfs_device *device);
+// Starts writing [position, position + count) of the range out to the card
+// and, with `wait`, waits until the card has it. A layer without a page cache
+// has nothing to do.
+[[nodiscard]] qfs_result qfs_device_write_back(qfs_device *device, uint64_t position, uint64_t count, bool wait);
+[[nodiscard]] qfs_result qfs_device_get_size_in_sectors(qfs_device *device, uint32_t sector_size, uint64_t *out_count);
+[[nodiscard]] qfs_result qfs_device_set_size(qfs_device *device, uint64_t size_bytes);
+[[nodiscard]] qfs_result qfs_device_get_partition_start_sector(qfs_device *device, uint64_t *out_sector);
+[[nodiscard]] qfs_result qfs_device_get_heads(qfs_device *device, uint32_t *out_heads);
+[[nodiscard]] qfs_result qfs_device_get_sectors_per_track(qfs_device *device, uint32_t *out_sectors_per_track);
+[[nodiscard]] qfs_result qfs_device_get_sector_size(qfs_device *device, uint32_t *out_sector_size);
+[[nodiscard]] qfs_result qfs_device_refresh_partition_table(qfs_device *device);
+[[nodiscard]] qfs_result qfs_device_clear_partition_table(qfs_device *device, void *argument);
+[[nodiscard]] qfs_result qfs_device_discard_byte_range(qfs_device *device, uint64_t position, uint64_t count,
+                                                       uint32_t secure);
 // Mount point and file system type buffers may be null.
-qfs_result qfs_device_check_if_in_use(qfs_device *device, uint32_t *out_mounted, uint32_t *out_in_use,
-                                      char *mount_point = nullptr, size_t mount_point_size = 0,
-                                      char *fs_type = nullptr, size_t fs_type_size = 0);
+[[nodiscard]] qfs_result qfs_device_check_if_in_use(qfs_device *device, uint32_t *out_mounted, uint32_t *out_in_use,
+                                                    char *mount_point = nullptr, size_t mount_point_size = 0,
+                                                    char *fs_type = nullptr, size_t fs_type_size = 0);
 
 // Internal steps, exposed for tests.
-qfs_result qfs_device_pread_common(qfs_device *device, qfs_io_context *context, void *buffer, size_t count,
-                                   uint64_t position, size_t contiguous_bytes, uint32_t flags,
-                                   size_t *out_bytes_read);
-qfs_result qfs_device_pwrite_common(qfs_device *device, qfs_io_context *context, const void *buffer,
-                                    size_t count, uint64_t position, uint32_t flags,
-                                    size_t *out_bytes_written);
-qfs_result qfs_device_aligned_ptransfer(qfs_device *device, qfs_io_context *context, void *buffer,
-                                        size_t count, uint64_t position, uint32_t flags,
-                                        size_t *out_bytes_done);
+[[nodiscard]] qfs_result qfs_device_pread_common(qfs_device *device, qfs_io_context *context, void *buffer,
+                                                 size_t count, uint64_t position, size_t contiguous_bytes,
+                                                 uint32_t flags, size_t *out_bytes_read);
+[[nodiscard]] qfs_result qfs_device_pwrite_common(qfs_device *device, qfs_io_context *context, const void *buffer,
+                                                  size_t count, uint64_t position, uint32_t flags,
+                                                  size_t *out_bytes_written);
+[[nodiscard]] qfs_result qfs_device_aligned_ptransfer(qfs_device *device, qfs_io_context *context, void *buffer,
+                                                      size_t count, uint64_t position, uint32_t flags,
+                                                      size_t *out_bytes_done);

@@ -15,6 +15,7 @@
 #include <cstdlib>
 
 #include "device/qfs_device_unix_io.h"
+#include "support/qfs_fd.h"
 #include "support/qfs_logging.h"
 
 namespace {
@@ -34,19 +35,18 @@ qfs_result start_from_geometry(const qfs_device_unix_io_layer *io, uint64_t *out
 
 // Reads the entry's text; *out_length excludes the terminating NUL.
 qfs_result read_sysfs_entry(const char *entry, char (&text)[sysfs_start_max_length + 2], size_t *out_length) {
-    const int fd = open(entry, O_RDONLY);
-    if (fd < 0) {
+    const qfs_unique_fd fd(open(entry, O_RDONLY));
+    if (!fd.valid()) {
         const qfs_result r = qfs_errno_result();
         QFS_TRACE("Error while opening sysfs entry \"%s\"", entry);
         return r;
     }
     // Ask for one byte more than an entry may hold, so an overlong entry shows itself.
-    const ssize_t got = read(fd, text, sysfs_start_max_length + 1);
-    const qfs_result read_r = got < 0 ? qfs_errno_result() : QFS_OK;
-    close(fd);
+    const ssize_t got = read(fd.get(), text, sysfs_start_max_length + 1);
     if (got < 0) {
-        QFS_LOG_ERROR("Error while reading data of sysfs entry \"%s\": %lu (%s)", entry, QFS_ERR_ARGS(read_r));
-        return read_r;
+        const qfs_result r = qfs_errno_result();
+        QFS_LOG_ERROR("Error while reading data of sysfs entry \"%s\": %lu (%s)", entry, QFS_ERR_ARGS(r));
+        return r;
     }
     if (static_cast<size_t>(got) > sysfs_start_max_length) {
         QFS_LOG_CRITICAL("Read too much data from sysfs entry \"%s\".", entry);
@@ -66,7 +66,7 @@ qfs_result parse_sector_number(const char *entry, char *text, size_t length, uin
     const unsigned long long number = strtoull(text, &end, 10);
     const bool digits_only = length > 0 && isdigit(static_cast<unsigned char>(text[0])) && *end == '\0';
     if (!digits_only || errno != 0) {
-        const qfs_result r = errno != 0 ? errno : EINVAL;
+        const qfs_result r = errno != 0 ? qfs_errno_result() : QFS_ERR_SYS_INVALID_ARGUMENT;
         QFS_LOG_ERROR("Error while parsing sysfs entry \"%s\": %lu (%s)", entry, QFS_ERR_ARGS(r));
         return r;
     }

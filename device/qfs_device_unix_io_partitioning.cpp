@@ -2,9 +2,11 @@
 // making the kernel re-read the partition table and wiping the table.
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 
+#include "device/qfs_device_hold.h"
 #include "device/qfs_device_unix_io.h"
 #include "support/qfs_logging.h"
 
@@ -58,7 +60,11 @@ qfs_result qfs_device_unix_io_refresh_partition_table(qfs_device_layer *layer) {
         return QFS_ERR_INVALID_PARAMETER;
     }
     qfs_device_unix_io_layer *io = qfs_device_unix_io_from_layer(layer);
-    if (ioctl(io->fd, BLKRRPART) != 0) {
+    // While this process claims the device exclusively the kernel re-reads
+    // its partitions only through the claiming descriptor.
+    struct stat info = {};
+    const int claiming_fd = fstat(io->fd, &info) == 0 && S_ISBLK(info.st_mode) ? qfs_device_hold_fd(info.st_rdev) : -1;
+    if (ioctl(claiming_fd >= 0 ? claiming_fd : io->fd, BLKRRPART) != 0) {
         const qfs_result r = qfs_errno_result();
         QFS_TRACE("Error while issuing BLKRRPART ioctl");
         return r;
@@ -74,17 +80,14 @@ qfs_result qfs_device_unix_io_clear_partition_table(qfs_device_layer *layer, voi
     qfs_device *device = layer->device;
     static constexpr uint8_t zeros[partition_table_sector_size] = {};
 
-    size_t written = 0;
-    qfs_result r = qfs_device_pwrite(device, 0, sizeof(zeros), zeros, &written);
-    if (r == QFS_OK && written != sizeof(zeros)) {
-        r = QFS_ERR_IO_ERROR; // a partly wiped MBR is not wiped
-    }
+    // A partly wiped MBR is not wiped.
+    qfs_result r = qfs_device_write_exact(device, 0, sizeof(zeros), zeros);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Error while clearing MBR: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
-    r = qfs_device_pwrite(device, partition_table_sector_size, sizeof(zeros), zeros, &written);
-    if (r != QFS_OK || written != sizeof(zeros)) {
+    r = qfs_device_write_exact(device, partition_table_sector_size, sizeof(zeros), zeros);
+    if (r != QFS_OK) {
         QFS_TRACE("Error while clearing first GPT sector");
     }
     r = qfs_device_refresh_partition_table(device);

@@ -137,6 +137,105 @@ qfs_result write_through_backend(qfs_device_layer *layer, const uint8_t *source,
     return QFS_OK;
 }
 
+// A memory descriptor carries no position of its own, so it cannot be mixed with others.
+qfs_result check_descriptors(const std::vector<qfs_io_buffer> &buffers) {
+    const bool has_memory = std::any_of(buffers.begin(), buffers.end(), [](const qfs_io_buffer &b) {
+        return (b.flags & (QFS_IO_BUFFER_FD | QFS_IO_BUFFER_PHANTOM)) == 0;
+    });
+    if (has_memory && buffers.size() > 1) {
+        QFS_LOG_ERROR("Only one in-memory buffer is supported. Has %lu bufs.",
+                      static_cast<unsigned long>(buffers.size()));
+        return QFS_ERR_UNSUPPORTED_FEATURE;
+    }
+    return QFS_OK;
+}
+
+// The descriptor's bytes in memory: its own memory, a mapping of its fd, or a copy read from the fd.
+qfs_result source_bytes(size_t index, const qfs_io_buffer &b, size_t size, source_mapping &mapping,
+                        qfs_buffer &filled, const uint8_t **out_source) {
+    if ((b.flags & QFS_IO_BUFFER_FD) == 0 && (b.flags & QFS_IO_BUFFER_PHANTOM) != 0) {
+        // A phantom-only descriptor names no bytes at all; writing it would invent data.
+        QFS_LOG_ERROR("Buffer %zu has no source to write from: %lu (%s)", index,
+                      QFS_ERR_ARGS(QFS_ERR_UNSUPPORTED_FEATURE));
+        return QFS_ERR_UNSUPPORTED_FEATURE;
+    }
+    if ((b.flags & QFS_IO_BUFFER_FD) == 0) {
+        *out_source = static_cast<const uint8_t *>(b.memory);
+        return QFS_OK;
+    }
+    const bool seekable = (b.flags & QFS_IO_BUFFER_USE_OFFSET) != 0;
+    if (seekable && size > 0) {
+        if (mapping.map(b.fd, size, b.offset)) {
+            QFS_TRACE("Successfully mapped %zu bytes of fd %d at offset %llu: %p", size, b.fd,
+                      static_cast<unsigned long long>(b.offset), static_cast<const void *>(mapping.data()));
+            *out_source = mapping.data();
+            return QFS_OK;
+        }
+        QFS_TRACE("Falling back to memory backed buffer due to error while mapping %zu bytes of fd %d at offset %llu",
+                  size, b.fd, static_cast<unsigned long long>(b.offset));
+    }
+    qfs_result r = qfs_buffer_alloc(size, filled);
+    if (r != QFS_OK) {
+        return r;
+    }
+    r = fill_from_fd(b, filled.get(), size);
+    if (r != QFS_OK) {
+        return r;
+    }
+    *out_source = filled.get();
+    return QFS_OK;
+}
+
+// Writes what the caller wants of one descriptor and moves the iterator past it.
+qfs_result write_descriptor(qfs_device_layer *layer, size_t index, buffer_iterator &it, size_t count,
+                            uint64_t position, uint32_t flags) {
+    const qfs_io_buffer &b = *it.buf;
+    const size_t size = static_cast<size_t>(std::min<uint64_t>(b.size - (it.pos - it.buf_pos), count - it.pos));
+    trace_descriptor(index, it, size);
+    source_mapping mapping;
+    qfs_buffer filled;
+    const uint8_t *source = nullptr;
+    qfs_result r = source_bytes(index, b, size, mapping, filled, &source);
+    if (r != QFS_OK) {
+        return r;
+    }
+    size_t written = 0;
+    r = write_through_backend(layer, source, size, position + it.pos, flags, &written);
+    if (r != QFS_OK) {
+        return r;
+    }
+    it.pos += written;
+    return mapping.release();
+}
+
+// After a descriptor: true when the walk goes on to the next one. A seekable
+// descriptor written short is an internal error; a stream that ran dry ends the walk.
+qfs_result continue_after(buffer_iterator &it, size_t count, bool *out_more) {
+    *out_more = false;
+    if (it.pos == count) {
+        return QFS_OK; // the caller asked for no more than this
+    }
+    const qfs_io_buffer &b = *it.buf;
+    const bool seekable = (b.flags & QFS_IO_BUFFER_USE_OFFSET) != 0;
+    const uint64_t buffer_end = it.buf_pos + b.size;
+    if (it.pos != buffer_end) {
+        if (seekable) {
+            QFS_LOG_CRITICAL("Unexpected mismatch between logical position and buffer position for %sseekable "
+                             "buffer: %llu != %llu",
+                             seekable ? "" : "non-", static_cast<unsigned long long>(it.pos),
+                             static_cast<unsigned long long>(buffer_end));
+            return QFS_ERR_INTERNAL_ERROR;
+        }
+        QFS_TRACE("Mismatch between logical position and buffer position for non-seekable buffer: %llu != %llu "
+                  "Breaking read here.",
+                  static_cast<unsigned long long>(it.pos), static_cast<unsigned long long>(buffer_end));
+        return QFS_OK;
+    }
+    it.buf_pos = buffer_end;
+    *out_more = true;
+    return QFS_OK;
+}
+
 } // namespace
 
 qfs_result qfs_device_unix_io_pwrite_bufs(qfs_device_layer *layer, qfs_io_context *context, size_t count,
@@ -152,97 +251,27 @@ qfs_result qfs_device_unix_io_pwrite_bufs(qfs_device_layer *layer, qfs_io_contex
         *out_bytes_written = 0;
         return QFS_OK;
     }
-    // A memory descriptor carries no position of its own, so it cannot be mixed with others.
-    const bool has_memory = std::any_of(buffers.begin(), buffers.end(), [](const qfs_io_buffer &b) {
-        return (b.flags & (QFS_IO_BUFFER_FD | QFS_IO_BUFFER_PHANTOM)) == 0;
-    });
-    if (has_memory && buffers.size() > 1) {
-        QFS_LOG_ERROR("Only one in-memory buffer is supported. Has %lu bufs.",
-                      static_cast<unsigned long>(buffers.size()));
-        return QFS_ERR_UNSUPPORTED_FEATURE;
+    qfs_result r = check_descriptors(buffers);
+    if (r != QFS_OK) {
+        return r;
     }
-
     buffer_iterator it = {&buffers[0], 0, 0};
     if (it.buf_pos != it.pos) {
         QFS_LOG_ERROR("Invalid buffer state passed to pwrite_bufs: Logical and buffer positions don't match at "
                       "start (%llu != %llu).",
                       static_cast<unsigned long long>(it.pos), static_cast<unsigned long long>(it.buf_pos));
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
-
-    for (size_t index = 0; index < buffers.size() && it.pos < count; ++index) {
+    bool more = true;
+    for (size_t index = 0; more && index < buffers.size() && it.pos < count; ++index) {
         it.buf = &buffers[index];
-        const qfs_io_buffer &b = *it.buf;
-        const bool seekable = (b.flags & QFS_IO_BUFFER_USE_OFFSET) != 0;
-        const size_t bytes_to_write_in_buffer =
-            static_cast<size_t>(std::min<uint64_t>(b.size - (it.pos - it.buf_pos), count - it.pos));
-        trace_descriptor(index, it, bytes_to_write_in_buffer);
-
-        if ((b.flags & QFS_IO_BUFFER_FD) == 0 && (b.flags & QFS_IO_BUFFER_PHANTOM) != 0) {
-            // A phantom-only descriptor names no bytes at all; writing it would invent data.
-            QFS_LOG_ERROR("Buffer %zu has no source to write from: %lu (%s)", index,
-                          QFS_ERR_ARGS(QFS_ERR_UNSUPPORTED_FEATURE));
-            return QFS_ERR_UNSUPPORTED_FEATURE;
+        r = write_descriptor(layer, index, it, count, position, flags);
+        if (r == QFS_OK) {
+            r = continue_after(it, count, &more);
         }
-
-        source_mapping mapping;
-        qfs_buffer filled;
-        const uint8_t *source = static_cast<const uint8_t *>(b.memory);
-        if (b.flags & QFS_IO_BUFFER_FD) {
-            if (seekable && bytes_to_write_in_buffer > 0) {
-                if (mapping.map(b.fd, bytes_to_write_in_buffer, b.offset)) {
-                    QFS_TRACE("Successfully mapped %zu bytes of fd %d at offset %llu: %p", bytes_to_write_in_buffer,
-                              b.fd, static_cast<unsigned long long>(b.offset),
-                              static_cast<const void *>(mapping.data()));
-                    source = mapping.data();
-                } else {
-                    QFS_TRACE("Falling back to memory backed buffer due to error while mapping %zu bytes of fd "
-                              "%d at offset %llu",
-                              bytes_to_write_in_buffer, b.fd, static_cast<unsigned long long>(b.offset));
-                }
-            }
-            if (mapping.data() == nullptr) {
-                qfs_result r = qfs_buffer_alloc(bytes_to_write_in_buffer, filled);
-                if (r != QFS_OK) {
-                    return r;
-                }
-                r = fill_from_fd(b, filled.get(), bytes_to_write_in_buffer);
-                if (r != QFS_OK) {
-                    return r;
-                }
-                source = filled.get();
-            }
-        }
-
-        size_t written = 0;
-        qfs_result r =
-            write_through_backend(layer, source, bytes_to_write_in_buffer, position + it.pos, flags, &written);
         if (r != QFS_OK) {
             return r;
         }
-        it.pos += written;
-        r = mapping.release();
-        if (r != QFS_OK) {
-            return r;
-        }
-        if (it.pos == count) {
-            break; // the caller asked for no more than this
-        }
-        const uint64_t buffer_end = it.buf_pos + b.size;
-        if (it.pos != buffer_end) {
-            if (seekable) {
-                QFS_LOG_CRITICAL("Unexpected mismatch between logical position and buffer position for %sseekable "
-                                 "buffer: %llu != %llu",
-                                 seekable ? "" : "non-", static_cast<unsigned long long>(it.pos),
-                                 static_cast<unsigned long long>(buffer_end));
-                return QFS_ERR_INTERNAL_ERROR;
-            }
-            QFS_TRACE("Mismatch between logical position and buffer position for non-seekable buffer: %llu != %llu "
-                      "Breaking read here.",
-                      static_cast<unsigned long long>(it.pos), static_cast<unsigned long long>(buffer_end));
-            break;
-        }
-        it.buf_pos = buffer_end;
     }
     *out_bytes_written = static_cast<size_t>(it.pos);
     return QFS_OK;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -32,18 +31,18 @@ qfs_result exfat_allocation_bitmap_create(qfs_device *device, const exfat_geomet
     if (length < needed) {
         QFS_LOG_ERROR("Inconsistency: Allocation bitmap of %llu bytes is too small for %lu clusters.",
                       static_cast<unsigned long long>(length), static_cast<unsigned long>(geometry->cluster_count));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     if (!exfat_geometry_cluster_is_valid(*geometry, first_cluster)) {
         QFS_LOG_ERROR("Inconsistency: Allocation bitmap starts outside the cluster heap (cluster %lu).",
                       static_cast<unsigned long>(first_cluster));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     exfat_allocation_bitmap *bitmap =
         new (std::nothrow) exfat_allocation_bitmap{device, geometry, fat, first_cluster, length};
     if (bitmap == nullptr) {
-        QFS_LOG_ERROR("Failed to allocate the bitmap object: %lu (%s)", QFS_ERR_ARGS(ENOMEM));
-        return ENOMEM;
+        QFS_LOG_ERROR("Failed to allocate the bitmap object: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_NO_MEMORY));
+        return QFS_ERR_SYS_NO_MEMORY;
     }
     *out_bitmap = bitmap;
     return QFS_OK;
@@ -64,8 +63,7 @@ qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitm
     qfs_result r = exfat_cluster_stream_create(bitmap->device, bitmap->geometry, bitmap->fat, bitmap->first_cluster,
                                                bytes, false, &raw_stream);
     if (r != QFS_OK) return r;
-    std::unique_ptr<exfat_cluster_stream, void (*)(exfat_cluster_stream *)> stream(
-        raw_stream, [](exfat_cluster_stream *s) { exfat_cluster_stream_destroy(&s); });
+    const qfs_owned<exfat_cluster_stream, exfat_cluster_stream_destroy> stream(raw_stream);
     qfs_buffer piece;
     r = qfs_buffer_alloc(static_cast<size_t>(std::min<uint64_t>(bytes, read_piece)), piece);
     if (r != QFS_OK) return r;
@@ -80,7 +78,7 @@ qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitm
         if (got != want) {
             QFS_LOG_ERROR("Inconsistency: Allocation bitmap chain ends after %llu of %llu bytes.",
                           static_cast<unsigned long long>(done + got), static_cast<unsigned long long>(bytes));
-            return EIO;
+            return QFS_ERR_SYS_IO;
         }
         // Bit i of the bitmap stands for cluster i + 2.
         const uint64_t end_bit = (done + got) * 8;
@@ -89,7 +87,7 @@ qfs_result exfat_allocation_bitmap_count_allocated(exfat_allocation_bitmap *bitm
             if ((piece[bit / 8] & (1u << (bit % 8))) == 0) {
                 QFS_LOG_ERROR("Inconsistency: Cluster %lu of the volume's metadata is not marked as allocated.",
                               static_cast<unsigned long>(in_use[next_in_use]));
-                return EIO;
+                return QFS_ERR_SYS_IO;
             }
         }
         for (size_t i = 0; i < got; ++i) {

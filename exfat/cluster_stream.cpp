@@ -1,7 +1,6 @@
 #include "exfat/cluster_stream.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <new>
 
 #include "support/qfs_logging.h"
@@ -26,7 +25,7 @@ qfs_result exfat_cluster_stream_create(qfs_device *device, const exfat_geometry 
         if (!exfat_geometry_cluster_is_valid(*geometry, first_cluster)) {
             QFS_LOG_ERROR("Inconsistency: First cluster %lu of a %llu-byte object is outside the cluster heap.",
                           static_cast<unsigned long>(first_cluster), static_cast<unsigned long long>(data_length));
-            return EIO;
+            return QFS_ERR_SYS_IO;
         }
         // Also keeps the cluster arithmetic below 2^32 clusters.
         const uint64_t clusters = (data_length + geometry->cluster_size - 1) / geometry->cluster_size;
@@ -36,14 +35,14 @@ qfs_result exfat_cluster_stream_create(qfs_device *device, const exfat_geometry 
         if (clusters > room) {
             QFS_LOG_ERROR("Inconsistency: An object of %llu bytes does not fit in the cluster heap.",
                           static_cast<unsigned long long>(data_length));
-            return EIO;
+            return QFS_ERR_SYS_IO;
         }
     }
     exfat_cluster_stream *stream = new (std::nothrow)
         exfat_cluster_stream{device, geometry, fat, contiguous, data_length, 0, first_cluster, data_length > 0};
     if (stream == nullptr) {
-        QFS_LOG_ERROR("Failed to allocate a cluster stream: %lu (%s)", QFS_ERR_ARGS(ENOMEM));
-        return ENOMEM;
+        QFS_LOG_ERROR("Failed to allocate a cluster stream: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_NO_MEMORY));
+        return QFS_ERR_SYS_NO_MEMORY;
     }
     *out_stream = stream;
     return QFS_OK;
@@ -69,7 +68,7 @@ qfs_result advance(exfat_cluster_stream *s) {
     }
     if (s->clusters_walked == s->geometry->cluster_count) {
         QFS_LOG_ERROR("Inconsistency: Cluster chain loops at cluster %lu.", static_cast<unsigned long>(s->cluster));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     ++s->clusters_walked;
     return QFS_OK;
@@ -86,9 +85,7 @@ qfs_result exfat_cluster_stream_read(exfat_cluster_stream *s, void *buffer, size
         const uint32_t in_cluster = static_cast<uint32_t>(s->position % g.cluster_size);
         const size_t chunk = std::min<size_t>(count - done, g.cluster_size - in_cluster);
         const uint64_t at = exfat_geometry_cluster_position(g, s->cluster) + in_cluster;
-        size_t got = 0;
-        qfs_result r = qfs_device_pread(s->device, at, chunk, out + done, &got);
-        if (r == QFS_OK && got != chunk) r = QFS_ERR_IO_ERROR;
+        qfs_result r = qfs_device_read_exact(s->device, at, chunk, out + done);
         if (r != QFS_OK) {
             QFS_LOG_ERROR("Error while reading %zu bytes of cluster %lu: %lu (%s)", chunk,
                           static_cast<unsigned long>(s->cluster), QFS_ERR_ARGS(r));

@@ -15,11 +15,12 @@ struct exfat_cluster_stream;
 // `data_length` bytes starting at `first_cluster`. With `contiguous` set the
 // clusters follow one another and the FAT is not consulted. The geometry and
 // the FAT must outlive the stream.
-qfs_result exfat_cluster_stream_create(qfs_device *device, const exfat_geometry *geometry, exfat_fat *fat,
-                                       uint32_t first_cluster, uint64_t data_length, bool contiguous,
-                                       exfat_cluster_stream **out_stream);
-qfs_result exfat_cluster_stream_destroy(exfat_cluster_stream **stream);
+[[nodiscard]] qfs_result exfat_cluster_stream_create(qfs_device *device, const exfat_geometry *geometry, exfat_fat *fat,
+                                                     uint32_t first_cluster, uint64_t data_length, bool contiguous,
+                                                     exfat_cluster_stream **out_stream);
+[[nodiscard]] qfs_result exfat_cluster_stream_destroy(exfat_cluster_stream **stream);
 
 // Reads up to `count` bytes from where the last read stopped. Fewer bytes come
 // back at the end of the data, or when the chain ends before the data does.
-qfs_result exfat_cluster_stream_read(exfat_cluster_stream *stream, void *buffer, size_t count, size_t *out_read);
+[[nodiscard]] qfs_result exfat_cluster_stream_read(exfat_cluster_stream *stream, void *buffer, size_t count,
+                                                   size_t *out_read);

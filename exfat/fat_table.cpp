@@ -1,6 +1,5 @@
 #include "exfat/fat_table.h"
 
-#include <cerrno>
 #include <new>
 
 #include "support/qfs_endian.h"
@@ -29,8 +28,8 @@ qfs_result exfat_fat_create(qfs_device *device, const exfat_geometry &geometry, 
     if (r != QFS_OK) return r;
     exfat_fat *fat = new (std::nothrow) exfat_fat{device, geometry, std::move(sector), no_sector};
     if (fat == nullptr) {
-        QFS_LOG_ERROR("Failed to allocate the FAT object: %lu (%s)", QFS_ERR_ARGS(ENOMEM));
-        return ENOMEM;
+        QFS_LOG_ERROR("Failed to allocate the FAT object: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_NO_MEMORY));
+        return QFS_ERR_SYS_NO_MEMORY;
     }
     *out_fat = fat;
     return QFS_OK;
@@ -47,15 +46,13 @@ qfs_result exfat_fat_get_entry(exfat_fat *fat, uint32_t cluster, uint32_t *out_e
     const exfat_geometry &g = fat->geometry;
     if (cluster >= static_cast<uint64_t>(g.cluster_count) + ed::first_data_cluster) {
         QFS_LOG_ERROR("Cluster %lu is beyond the end of the FAT.", static_cast<unsigned long>(cluster));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     const uint64_t offset = static_cast<uint64_t>(cluster) * entry_bytes;
     const uint64_t sector = offset >> g.bytes_per_sector_shift;
     if (sector != fat->cached_sector) {
         const uint64_t position = exfat_geometry_active_fat_position(g) + (sector << g.bytes_per_sector_shift);
-        size_t got = 0;
-        qfs_result r = qfs_device_pread(fat->device, position, g.bytes_per_sector, fat->sector.get(), &got);
-        if (r == QFS_OK && got != g.bytes_per_sector) r = QFS_ERR_IO_ERROR;
+        const qfs_result r = qfs_device_read_exact(fat->device, position, g.bytes_per_sector, fat->sector.get());
         if (r != QFS_OK) {
             fat->cached_sector = no_sector;
             QFS_LOG_ERROR("Error while reading FAT sector at offset %llu: %lu (%s)",
@@ -75,7 +72,7 @@ qfs_result exfat_fat_next_cluster(exfat_fat *fat, uint32_t cluster, uint32_t *ou
     if (entry != ed::fat_end_of_chain && !exfat_geometry_cluster_is_valid(fat->geometry, entry)) {
         QFS_LOG_ERROR("Inconsistency: FAT entry of cluster %lu does not continue its chain (0x%08lX).",
                       static_cast<unsigned long>(cluster), static_cast<unsigned long>(entry));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     *out_next = entry;
     return QFS_OK;
@@ -85,14 +82,14 @@ qfs_result exfat_fat_count_chain(exfat_fat *fat, uint32_t first, uint32_t *out_c
     if (!exfat_geometry_cluster_is_valid(fat->geometry, first)) {
         QFS_LOG_ERROR("Inconsistency: Cluster chain starts outside the cluster heap (%lu).",
                       static_cast<unsigned long>(first));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     uint32_t count = 0;
     for (uint32_t cluster = first; cluster != ed::fat_end_of_chain;) {
         // No chain can hold more clusters than the heap: a longer one loops.
         if (count == fat->geometry.cluster_count) {
             QFS_LOG_ERROR("Inconsistency: Cluster chain starting at %lu loops.", static_cast<unsigned long>(first));
-            return EIO;
+            return QFS_ERR_SYS_IO;
         }
         ++count;
         const qfs_result r = exfat_fat_next_cluster(fat, cluster, &cluster);
@@ -107,7 +104,7 @@ qfs_result exfat_fat_append_chain(exfat_fat *fat, uint32_t first, uint32_t max_c
     if (!exfat_geometry_cluster_is_valid(fat->geometry, first)) {
         QFS_LOG_ERROR("Inconsistency: Cluster chain starts outside the cluster heap (%lu).",
                       static_cast<unsigned long>(first));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     try {
         uint32_t cluster = first;
@@ -119,8 +116,8 @@ qfs_result exfat_fat_append_chain(exfat_fat *fat, uint32_t first, uint32_t max_c
             }
         }
     } catch (const std::bad_alloc &) {
-        QFS_LOG_ERROR("Failed to collect a cluster chain: %lu (%s)", QFS_ERR_ARGS(ENOMEM));
-        return ENOMEM;
+        QFS_LOG_ERROR("Failed to collect a cluster chain: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_NO_MEMORY));
+        return QFS_ERR_SYS_NO_MEMORY;
     }
     return QFS_OK;
 }

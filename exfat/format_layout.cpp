@@ -1,23 +1,16 @@
 #include "exfat/format_layout.h"
 
 #include "exfat/exfat_ondisk.h"
+#include "layout/format_sectors.h"
 #include "support/qfs_logging.h"
 
 namespace {
 
-constexpr uint32_t min_sector_size = 512;
-constexpr uint32_t max_sector_size = 4096;
-constexpr uint32_t max_forced_sector_size = 32768;
 constexpr uint64_t min_volume_bytes = 1048576;
 constexpr uint32_t min_cluster_size = 512;
 constexpr uint32_t max_cluster_size = 33554432;
 constexpr uint64_t max_cluster_count = 4294967285u;
 constexpr uint32_t max_distribution_rounds = 1000;
-
-constexpr qfs_result invalid_argument = 22;
-constexpr qfs_result too_large = 27;
-constexpr qfs_result no_space = 28;
-constexpr qfs_result io_failure = 5;
 
 bool is_power_of_two(uint64_t value) { return value != 0 && (value & (value - 1)) == 0; }
 
@@ -28,94 +21,23 @@ uint64_t div_round_up(uint64_t value, uint64_t divisor) { return value / divisor
 // Sector size checks and the volume's sector count in the final sector size.
 qfs_result settle_sector_size(const exfat_layout_request &request, const format_monitor *monitor,
                               exfat_layout &layout) {
-    uint32_t sector_size = request.device_sector_size;
-    uint64_t device_sectors = request.device_sector_count;
-    uint64_t volume_sectors = device_sectors;
-    if (request.sector_size != nullptr && *request.sector_size != sector_size) {
-        const uint32_t wanted = *request.sector_size;
-        if (wanted == 0) {
-            format_monitor_error(monitor, "Specified sector size is 0.");
-            return invalid_argument;
-        }
-        if (wanted % sector_size != 0 && sector_size % wanted != 0) {
-            format_monitor_error(monitor,
-                                 "Specified sector size (%lu) can not be translated to an even multiple or divisor "
-                                 "of the device sector size (%lu).",
-                                 static_cast<unsigned long>(wanted), static_cast<unsigned long>(sector_size));
-            return invalid_argument;
-        }
-        if (wanted > sector_size) {
-            const uint64_t device_bytes = device_sectors * sector_size;
-            const uint64_t volume_bytes = volume_sectors * sector_size;
-            const struct {
-                const char *message;
-                uint64_t bytes;
-            } size_checks[] = {
-                {"Device size (%llu) is not an even multiple of the specified sector size (%hu).", device_bytes},
-                {"Volume size (%llu) is not an even multiple of the specified sector size (%hu).", volume_bytes},
-            };
-            for (const auto &check : size_checks) {
-                if (check.bytes % wanted == 0) continue;
-                // With force the remainder is dropped.
-                if (!request.force) {
-                    format_monitor_error(monitor, check.message, static_cast<unsigned long long>(check.bytes),
-                                         static_cast<unsigned short>(wanted));
-                    return invalid_argument;
-                }
-                format_monitor_warning(monitor, check.message, static_cast<unsigned long long>(check.bytes),
-                                       static_cast<unsigned short>(wanted));
-            }
-            device_sectors = device_bytes / wanted;
-            volume_sectors = volume_bytes / wanted;
-        } else {
-            device_sectors *= sector_size / wanted;
-            volume_sectors *= sector_size / wanted;
-        }
-        sector_size = wanted;
-    }
-    // The recommended partition is counted in 512-byte sectors, the size whole-card mode uses.
-    if (request.tca_whole) {
-        volume_sectors = request.tca_partition_sector_count * 512 / sector_size;
-    }
-    if (sector_size < min_sector_size || sector_size > max_forced_sector_size ||
-        (sector_size > max_sector_size && !request.force)) {
-        format_monitor_error(monitor, "Sector size out of bounds for exFAT: %lu", static_cast<unsigned long>(sector_size));
-        return invalid_argument;
-    }
-    if (sector_size > max_sector_size) {
-        format_monitor_warning(monitor, "Sector size out of bounds for exFAT: %lu",
-                               static_cast<unsigned long>(sector_size));
-    }
-    if (request.sector_count != nullptr && *request.sector_count != volume_sectors) {
-        const uint64_t wanted = *request.sector_count;
-        const uint32_t minimum = static_cast<uint32_t>(min_volume_bytes / sector_size);
-        if (wanted < minimum) {
-            format_monitor_error(monitor, "Specified sector count (%llu) is smaller than the minimum allowed (%lu).",
-                                 static_cast<unsigned long long>(wanted), static_cast<unsigned long>(minimum));
-            return invalid_argument;
-        }
-        if (wanted > volume_sectors) {
-            format_monitor_error(monitor,
-                                 "Specified sector count (%llu) is larger than the sector count of the volume (%llu).",
-                                 static_cast<unsigned long long>(wanted),
-                                 static_cast<unsigned long long>(volume_sectors));
-            return invalid_argument;
-        }
-        volume_sectors = wanted;
-    }
-    const uint64_t volume_bytes = volume_sectors * sector_size;
-    format_monitor_info(monitor, "Sector size: %lu bytes", static_cast<unsigned long>(sector_size));
-    format_monitor_info(monitor, "Volume size: %llu sectors (%llu bytes)", static_cast<unsigned long long>(volume_sectors),
-                        static_cast<unsigned long long>(volume_bytes));
+    const format_sector_rules rules{"Sector size out of bounds for exFAT: %lu", false, min_volume_bytes};
+    const uint64_t card_partition = request.tca_partition_sector_count;
+    format_sector_counts counts{};
+    const qfs_result r = format_settle_sector_size(
+        rules, request.force, request.device_sector_size, request.device_sector_count, request.sector_size,
+        request.sector_count, request.tca_whole ? &card_partition : nullptr, monitor, &counts);
+    if (r != QFS_OK) return r;
+    const uint64_t volume_bytes = counts.volume_sectors * counts.sector_size;
     if (volume_bytes < min_volume_bytes) {
         format_monitor_error(monitor,
                              "Device is too small to hold an exFAT file system (device size: %llu B, required: %lu B).",
                              static_cast<unsigned long long>(volume_bytes), static_cast<unsigned long>(min_volume_bytes));
-        return no_space;
+        return QFS_ERR_SYS_NO_SPACE;
     }
-    layout.sector_size = sector_size;
-    layout.device_sector_count = device_sectors;
-    layout.volume_sector_count = volume_sectors;
+    layout.sector_size = counts.sector_size;
+    layout.device_sector_count = counts.device_sectors;
+    layout.volume_sector_count = counts.volume_sectors;
     return QFS_OK;
 }
 
@@ -123,12 +45,12 @@ qfs_result check_specified_cluster_size(uint32_t cluster_size, const format_moni
     if (!is_power_of_two(cluster_size)) {
         format_monitor_error(monitor, "Invalid cluster size (%lu). (Not a power of 2.)",
                              static_cast<unsigned long>(cluster_size));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     if (cluster_size < min_cluster_size || cluster_size > max_cluster_size) {
         format_monitor_error(monitor, "Invalid cluster size (%lu). (Out of range.)",
                              static_cast<unsigned long>(cluster_size));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     return QFS_OK;
 }
@@ -192,33 +114,107 @@ void settle_system_objects(exfat_layout &layout) {
     QFS_TRACE("Root directory size: %zu bytes", layout.root_dir_size);
 }
 
+qfs_result settle_cluster_size(const exfat_layout_request &request, const format_monitor *monitor,
+                               exfat_layout &layout) {
+    const uint64_t volume_bytes = layout.volume_sector_count * layout.sector_size;
+    if (request.cluster_size != nullptr) {
+        layout.cluster_size = *request.cluster_size;
+    } else {
+        const qfs_result r = exfat_format_determine_cluster_size(volume_bytes, &layout.cluster_size);
+        if (r != QFS_OK) return r;
+    }
+    if (layout.cluster_size < layout.sector_size) {
+        format_monitor_error(monitor, "Invalid cluster size (smaller than one sector).");
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
+    return QFS_OK;
+}
+
+// A specified alignment, else 1 MiB above 4 GiB and 64 KiB below, or one cluster when that does not divide it.
+qfs_result settle_alignment(const exfat_layout_request &request, const format_monitor *monitor,
+                            exfat_layout &layout) {
+    const uint32_t ss = layout.sector_size;
+    if (request.alignment != nullptr) {
+        layout.alignment = *request.alignment;
+    } else {
+        layout.alignment = layout.volume_sector_count * ss > 4294967295u ? 1048576 : 65536;
+        if (layout.alignment % layout.cluster_size != 0) {
+            layout.alignment = layout.cluster_size;
+        }
+    }
+    if (layout.alignment < ss || layout.alignment % ss != 0) {
+        format_monitor_error(monitor, "Alignment (%lu) is not a multiple of sector size (%lu).",
+                             static_cast<unsigned long>(layout.alignment), static_cast<unsigned long>(ss));
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
+    return QFS_OK;
+}
+
+// Room for the boot regions up to the first aligned FAT sector, two clusters, one alignment unit and the up-case table.
+qfs_result check_minimum_size(const exfat_layout &layout, const format_monitor *monitor) {
+    const uint32_t ss = layout.sector_size;
+    const uint64_t volume_bytes = layout.volume_sector_count * ss;
+    const uint64_t offset_bytes = layout.partition_offset * ss;
+    const uint32_t boot_regions_bytes = exfat_ondisk::boot_regions_sectors * ss;
+    const uint64_t fat_offset_bytes = round_up(boot_regions_bytes + offset_bytes, layout.alignment) - offset_bytes;
+    const uint64_t upcase_room = static_cast<uint64_t>(layout.cluster_size) *
+                                 div_round_up(exfat_default_upcase_bytes, layout.cluster_size);
+    const uint64_t required = static_cast<uint32_t>(2u * layout.cluster_size) + fat_offset_bytes + layout.alignment +
+                              upcase_room;
+    if (volume_bytes < required) {
+        format_monitor_error(monitor,
+                             "Device is too small to hold an exFAT file system with the specified alignment (device "
+                             "size: %llu B, required: %llu B).",
+                             static_cast<unsigned long long>(volume_bytes), static_cast<unsigned long long>(required));
+        return QFS_ERR_SYS_NO_SPACE;
+    }
+    return QFS_OK;
+}
+
+// The FAT and the cluster heap, within what the boot sector's 32-bit fields and the cluster limit allow.
+qfs_result settle_distribution(const format_monitor *monitor, exfat_layout &layout) {
+    const uint32_t ss = layout.sector_size;
+    uint64_t fat_offset = 0, fat_length = 0, heap_offset = 0, cluster_count = 0;
+    const qfs_result r = exfat_format_calculate_fat_heap_distribution(
+        ss, layout.volume_sector_count, layout.alignment / ss, layout.partition_offset, layout.cluster_size,
+        &fat_offset, &fat_length, &heap_offset, &cluster_count);
+    if (r != QFS_OK) {
+        format_monitor_error(monitor, "Failed to calculate distribution between FAT and cluster heap: %lu (%s)",
+                             QFS_ERR_ARGS(r));
+        return r;
+    }
+    if (fat_offset > UINT32_MAX || fat_length > UINT32_MAX || heap_offset > UINT32_MAX) {
+        format_monitor_error(monitor, "Device is too large for an exFAT file system with the specified parameters.");
+        return QFS_ERR_SYS_TOO_LARGE;
+    }
+    if (cluster_count > max_cluster_count) {
+        format_monitor_error(monitor, "Number of clusters is larger than the maximum allowed number: %llu > %llu",
+                             static_cast<unsigned long long>(cluster_count),
+                             static_cast<unsigned long long>(max_cluster_count));
+        return QFS_ERR_SYS_TOO_LARGE;
+    }
+    layout.fat_offset = static_cast<uint32_t>(fat_offset);
+    layout.fat_length = static_cast<uint32_t>(fat_length);
+    layout.cluster_heap_offset = static_cast<uint32_t>(heap_offset);
+    layout.cluster_count = static_cast<uint32_t>(cluster_count);
+    const uint64_t volume_bytes = layout.volume_sector_count * ss;
+    const uint64_t layout_bytes = static_cast<uint64_t>(layout.cluster_heap_offset) * ss +
+                                  static_cast<uint64_t>(layout.cluster_count) * layout.cluster_size;
+    if (layout_bytes > volume_bytes) {
+        QFS_LOG_CRITICAL("Calculated layout doesn't fit on device! Available: %llu B Required: %llu B",
+                         static_cast<unsigned long long>(volume_bytes), static_cast<unsigned long long>(layout_bytes));
+        return QFS_ERR_SYS_NO_SPACE;
+    }
+    return QFS_OK;
+}
+
 } // namespace
 
 qfs_result exfat_format_query_device_characteristics(qfs_device *device, bool assume_512_on_failure,
                                                      const uint16_t *in_sector_size, uint32_t *out_sector_size,
                                                      uint64_t *out_sector_count, const format_monitor *monitor) {
-    uint32_t sector_size = 0;
-    qfs_result r = qfs_device_get_sector_size(device, &sector_size);
-    if (r != QFS_OK) {
-        if (in_sector_size != nullptr) {
-            sector_size = *in_sector_size;
-        } else if (assume_512_on_failure) {
-            format_monitor_warning(monitor, "Failed to get device sector size. Assuming 512 byte sectors.");
-            sector_size = 512;
-        } else {
-            format_monitor_error(monitor, "Failed to get device sector size: %s", qfs_error_text(r));
-            return r;
-        }
-    }
-    uint64_t sector_count = 0;
-    r = qfs_device_get_size_in_sectors(device, sector_size, &sector_count);
-    if (r != QFS_OK) {
-        format_monitor_error(monitor, "Failed to get device size: %s", qfs_error_text(r));
-        return r;
-    }
-    *out_sector_size = sector_size;
-    *out_sector_count = sector_count;
-    return QFS_OK;
+    return format_query_device_characteristics(device, assume_512_on_failure, in_sector_size, out_sector_size,
+                                               out_sector_count, monitor);
 }
 
 qfs_result exfat_format_determine_cluster_size(uint64_t volume_size_bytes, uint32_t *out_cluster_size) {
@@ -237,7 +233,7 @@ qfs_result exfat_format_determine_cluster_size(uint64_t volume_size_bytes, uint3
         }
     }
     QFS_LOG_ERROR("Device size too large: %llu bytes", static_cast<unsigned long long>(volume_size_bytes));
-    return too_large;
+    return QFS_ERR_SYS_TOO_LARGE;
 }
 
 qfs_result exfat_format_calculate_fat_heap_distribution(uint32_t sector_size, uint64_t sector_count,
@@ -248,14 +244,14 @@ qfs_result exfat_format_calculate_fat_heap_distribution(uint32_t sector_size, ui
     if (cluster_size < sector_size) {
         QFS_LOG_ERROR("Invalid argument: Cluster size (%lu) is smaller than sector size (%lu).",
                       static_cast<unsigned long>(cluster_size), static_cast<unsigned long>(sector_size));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     const uint64_t sectors_per_cluster = cluster_size / sector_size;
     const uint64_t fat_offset =
         round_up(partition_offset + exfat_ondisk::boot_regions_sectors, alignment_sectors) - partition_offset;
     if (fat_offset > UINT32_MAX) {
         QFS_LOG_ERROR("Invalid alignment: First FAT sector too large (%llu).", static_cast<unsigned long long>(fat_offset));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     uint64_t fat_length = 0;
     uint64_t cluster_count = 0;
@@ -284,13 +280,13 @@ qfs_result exfat_format_calculate_fat_heap_distribution(uint32_t sector_size, ui
         QFS_LOG_ERROR("sector_count = %llu", static_cast<unsigned long long>(sector_count));
         QFS_LOG_ERROR("sector_size = %lu", static_cast<unsigned long>(sector_size));
         QFS_LOG_ERROR("cluster_size = %lu", static_cast<unsigned long>(cluster_size));
-        return io_failure;
+        return QFS_ERR_SYS_IO;
     }
     if (static_cast<uint64_t>(sector_size) * fat_length / 4 < cluster_count) {
         QFS_LOG_CRITICAL("Incorrect fat/heap distribution (FAT clusters (%llu) < actual clusters (%llu)).",
                          static_cast<unsigned long long>(static_cast<uint64_t>(sector_size) * fat_length / 4),
                          static_cast<unsigned long long>(cluster_count));
-        return io_failure;
+        return QFS_ERR_SYS_IO;
     }
     QFS_TRACE("Calculated distribution of space in %d iterations.", static_cast<int>(rounds));
     *out_fat_offset = fat_offset;
@@ -310,83 +306,15 @@ qfs_result exfat_format_plan_layout(qfs_device *device, const exfat_layout_reque
     }
     r = settle_sector_size(request, monitor, layout);
     if (r != QFS_OK) return r;
-    const uint32_t ss = layout.sector_size;
-    const uint64_t volume_bytes = layout.volume_sector_count * ss;
-
-    if (request.cluster_size != nullptr) {
-        layout.cluster_size = *request.cluster_size;
-    } else {
-        r = exfat_format_determine_cluster_size(volume_bytes, &layout.cluster_size);
-        if (r != QFS_OK) return r;
-    }
-    if (layout.cluster_size < ss) {
-        format_monitor_error(monitor, "Invalid cluster size (smaller than one sector).");
-        return invalid_argument;
-    }
-
+    r = settle_cluster_size(request, monitor, layout);
+    if (r != QFS_OK) return r;
     layout.partition_offset = settle_partition_offset(device, request, monitor);
-
-    if (request.alignment != nullptr) {
-        layout.alignment = *request.alignment;
-    } else {
-        layout.alignment = volume_bytes > 4294967295u ? 1048576 : 65536;
-        if (layout.alignment % layout.cluster_size != 0) {
-            layout.alignment = layout.cluster_size;
-        }
-    }
-    if (layout.alignment < ss || layout.alignment % ss != 0) {
-        format_monitor_error(monitor, "Alignment (%lu) is not a multiple of sector size (%lu).",
-                             static_cast<unsigned long>(layout.alignment), static_cast<unsigned long>(ss));
-        return invalid_argument;
-    }
-
-    // Room for the boot regions up to the first aligned FAT sector, two clusters, one alignment unit and the up-case table.
-    const uint64_t offset_bytes = layout.partition_offset * ss;
-    const uint32_t boot_regions_bytes = exfat_ondisk::boot_regions_sectors * ss;
-    const uint64_t fat_offset_bytes = round_up(boot_regions_bytes + offset_bytes, layout.alignment) - offset_bytes;
-    const uint64_t upcase_room = static_cast<uint64_t>(layout.cluster_size) *
-                                 div_round_up(exfat_default_upcase_bytes, layout.cluster_size);
-    const uint64_t required = static_cast<uint32_t>(2u * layout.cluster_size) + fat_offset_bytes + layout.alignment +
-                              upcase_room;
-    if (volume_bytes < required) {
-        format_monitor_error(monitor,
-                             "Device is too small to hold an exFAT file system with the specified alignment (device "
-                             "size: %llu B, required: %llu B).",
-                             static_cast<unsigned long long>(volume_bytes), static_cast<unsigned long long>(required));
-        return no_space;
-    }
-
-    uint64_t fat_offset = 0, fat_length = 0, heap_offset = 0, cluster_count = 0;
-    r = exfat_format_calculate_fat_heap_distribution(ss, layout.volume_sector_count, layout.alignment / ss,
-                                                     layout.partition_offset, layout.cluster_size, &fat_offset,
-                                                     &fat_length, &heap_offset, &cluster_count);
-    if (r != QFS_OK) {
-        format_monitor_error(monitor, "Failed to calculate distribution between FAT and cluster heap: %lu (%s)",
-                             QFS_ERR_ARGS(r));
-        return r;
-    }
-    // The boot sector holds these as 32-bit fields.
-    if (fat_offset > UINT32_MAX || fat_length > UINT32_MAX || heap_offset > UINT32_MAX) {
-        format_monitor_error(monitor, "Device is too large for an exFAT file system with the specified parameters.");
-        return too_large;
-    }
-    if (cluster_count > max_cluster_count) {
-        format_monitor_error(monitor, "Number of clusters is larger than the maximum allowed number: %llu > %llu",
-                             static_cast<unsigned long long>(cluster_count),
-                             static_cast<unsigned long long>(max_cluster_count));
-        return too_large;
-    }
-    layout.fat_offset = static_cast<uint32_t>(fat_offset);
-    layout.fat_length = static_cast<uint32_t>(fat_length);
-    layout.cluster_heap_offset = static_cast<uint32_t>(heap_offset);
-    layout.cluster_count = static_cast<uint32_t>(cluster_count);
-    const uint64_t layout_bytes = static_cast<uint64_t>(layout.cluster_heap_offset) * ss +
-                                  static_cast<uint64_t>(layout.cluster_count) * layout.cluster_size;
-    if (layout_bytes > volume_bytes) {
-        QFS_LOG_CRITICAL("Calculated layout doesn't fit on device! Available: %llu B Required: %llu B",
-                         static_cast<unsigned long long>(volume_bytes), static_cast<unsigned long long>(layout_bytes));
-        return no_space;
-    }
+    r = settle_alignment(request, monitor, layout);
+    if (r != QFS_OK) return r;
+    r = check_minimum_size(layout, monitor);
+    if (r != QFS_OK) return r;
+    r = settle_distribution(monitor, layout);
+    if (r != QFS_OK) return r;
     settle_system_objects(layout);
     *out_layout = layout;
     return QFS_OK;

@@ -53,20 +53,24 @@ struct exfat_layout {
     size_t root_dir_size;
 };
 
-qfs_result exfat_format_query_device_characteristics(qfs_device *device, bool assume_512_on_failure,
-                                                     const uint16_t *in_sector_size, uint32_t *out_sector_size,
-                                                     uint64_t *out_sector_count, const format_monitor *monitor);
+[[nodiscard]] qfs_result exfat_format_query_device_characteristics(qfs_device *device, bool assume_512_on_failure,
+                                                                   const uint16_t *in_sector_size,
+                                                                   uint32_t *out_sector_size,
+                                                                   uint64_t *out_sector_count,
+                                                                   const format_monitor *monitor);
 
-qfs_result exfat_format_determine_cluster_size(uint64_t volume_size_bytes, uint32_t *out_cluster_size);
+[[nodiscard]] qfs_result exfat_format_determine_cluster_size(uint64_t volume_size_bytes, uint32_t *out_cluster_size);
 
-qfs_result exfat_format_calculate_fat_heap_distribution(uint32_t sector_size, uint64_t sector_count,
-                                                        uint32_t alignment_sectors, uint64_t partition_offset,
-                                                        uint32_t cluster_size, uint64_t *out_fat_offset,
-                                                        uint64_t *out_fat_length, uint64_t *out_cluster_heap_offset,
-                                                        uint64_t *out_cluster_count);
+[[nodiscard]] qfs_result exfat_format_calculate_fat_heap_distribution(uint32_t sector_size, uint64_t sector_count,
+                                                                      uint32_t alignment_sectors,
+                                                                      uint64_t partition_offset, uint32_t cluster_size,
+                                                                      uint64_t *out_fat_offset,
+                                                                      uint64_t *out_fat_length,
+                                                                      uint64_t *out_cluster_heap_offset,
+                                                                      uint64_t *out_cluster_count);
 
 // Every layout rule in order: sector and volume size, cluster size,
 // partition offset, alignment, minimum size, FAT and heap distribution,
 // limits, system objects and buffer sizes. Nothing is written.
-qfs_result exfat_format_plan_layout(qfs_device *device, const exfat_layout_request &request,
-                                    const format_monitor *monitor, exfat_layout *out_layout);
+[[nodiscard]] qfs_result exfat_format_plan_layout(qfs_device *device, const exfat_layout_request &request,
+                                                  const format_monitor *monitor, exfat_layout *out_layout);

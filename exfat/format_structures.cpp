@@ -13,9 +13,6 @@ namespace ed = exfat_ondisk;
 
 namespace {
 
-constexpr qfs_result invalid_argument = 22;
-constexpr qfs_result io_failure = 5;
-
 // The fixed part of every boot sector's first 512 bytes.
 void write_boot_template(uint8_t *sector) {
     memset(sector, 0, 512);
@@ -95,8 +92,9 @@ qfs_result complete_oem_parameters(qfs_device *dev, uint8_t *sector, uint32_t se
         return r;
     }
     if (got != sector_size) {
-        QFS_LOG_ERROR("Failed to read existing main OEM parameters from device: %lu (%s)", QFS_ERR_ARGS(io_failure));
-        return io_failure;
+        QFS_LOG_ERROR("Failed to read existing main OEM parameters from device: %lu (%s)",
+                      QFS_ERR_ARGS(QFS_ERR_SYS_IO));
+        return QFS_ERR_SYS_IO;
     }
     memset(sector + ed::oem_slots_end, 0, sector_size - ed::oem_slots_end);
     if (flash_params == nullptr) {
@@ -170,14 +168,14 @@ qfs_result exfat_format_fill_boot_sector(uint8_t *sector, const exfat_layout &la
     if (!is_power_of_two(ss) || log2_exact(ss) < 9 || log2_exact(ss) > 12) {
         format_monitor_error(monitor, "Sector size (%lu bytes) is incompatible with exFAT: ",
                              static_cast<unsigned long>(ss));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     const unsigned sector_shift = log2_exact(ss);
     if (!is_power_of_two(layout.cluster_size) || log2_exact(layout.cluster_size) < sector_shift ||
         log2_exact(layout.cluster_size) >= 26) {
         format_monitor_error(monitor, "Cluster size incompatible with volume: %lu",
                              static_cast<unsigned long>(layout.cluster_size));
-        return invalid_argument;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     uint32_t serial = 0;
     if (serial_number != nullptr) {

@@ -28,9 +28,10 @@ struct exfat_format_content {
 };
 
 // Fills sector 0 of the boot region (the first `layout.sector_size` bytes).
-qfs_result exfat_format_fill_boot_sector(uint8_t *sector, const exfat_layout &layout, const uint32_t *serial_number,
-                                         const format_monitor *monitor);
+[[nodiscard]] qfs_result exfat_format_fill_boot_sector(uint8_t *sector, const exfat_layout &layout,
+                                                       const uint32_t *serial_number, const format_monitor *monitor);
 
 // Allocates and builds every image. Reads the card's existing OEM parameters sector.
-qfs_result exfat_format_build_images(qfs_device *dev, const exfat_layout &layout, const exfat_format_content &content,
-                                     const format_monitor *monitor, exfat_format_images *out_images);
+[[nodiscard]] qfs_result exfat_format_build_images(qfs_device *dev, const exfat_layout &layout,
+                                                   const exfat_format_content &content, const format_monitor *monitor,
+                                                   exfat_format_images *out_images);

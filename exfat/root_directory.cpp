@@ -1,6 +1,5 @@
 #include "exfat/root_directory.h"
 
-#include <cerrno>
 #include <cstring>
 
 #include "support/qfs_logging.h"
@@ -14,7 +13,7 @@ namespace {
 qfs_result keep(exfat_root_record *record, const uint8_t *entry, uint64_t position, const char *kind) {
     if (record->present) {
         QFS_LOG_ERROR("Inconsistency: More than one %s record in root directory.", kind);
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     record->present = true;
     record->position = position;
@@ -66,9 +65,7 @@ qfs_result exfat_root_directory_read_records(qfs_device *device, const exfat_geo
         const uint64_t base = exfat_geometry_cluster_position(geometry, cluster);
         for (uint32_t s = 0; s < sectors_per_cluster && !end; ++s) {
             const uint64_t at = base + (static_cast<uint64_t>(s) << geometry.bytes_per_sector_shift);
-            size_t got = 0;
-            r = qfs_device_pread(device, at, geometry.bytes_per_sector, sector.get(), &got);
-            if (r == QFS_OK && got != geometry.bytes_per_sector) r = QFS_ERR_IO_ERROR;
+            r = qfs_device_read_exact(device, at, geometry.bytes_per_sector, sector.get());
             if (r != QFS_OK) {
                 QFS_LOG_ERROR("Error while reading root directory sector at offset %llu: %lu (%s)",
                               static_cast<unsigned long long>(at), QFS_ERR_ARGS(r));

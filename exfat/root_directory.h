@@ -28,7 +28,7 @@ struct exfat_root_metadata {
 
 // Reads the records from the `cluster_count` clusters of the root directory's
 // chain, up to the end-of-directory entry. A second record of a kind (or of
-// one FAT's bitmap) fails with EIO.
-qfs_result exfat_root_directory_read_records(qfs_device *device, const exfat_geometry &geometry, exfat_fat *fat,
-                                             uint32_t first_cluster, uint32_t cluster_count,
-                                             exfat_root_metadata *out_metadata);
+// one FAT's bitmap) fails with QFS_ERR_SYS_IO.
+[[nodiscard]] qfs_result exfat_root_directory_read_records(qfs_device *device, const exfat_geometry &geometry,
+                                                           exfat_fat *fat, uint32_t first_cluster,
+                                                           uint32_t cluster_count, exfat_root_metadata *out_metadata);

@@ -1,52 +1,46 @@
-// The exFAT up-case table: the built-in compressed table that new volumes
-// carry, its decompression into a map of capitals, case-blind comparison of
-// 16-bit names, the table checksum and the name hash.
+// The exFAT engine's names for the shared up-case table: the table a new
+// volume carries, and the case rules its names are compared and hashed by.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include "support/qfs_upcase.h"
 
-#include "support/qfs_error.h"
-#include "support/qfs_ht.h"
+using exfat_upcase_table = qfs_upcase_table;
+inline constexpr uint32_t exfat_upcase_default_checksum = qfs_upcase_default_checksum;
 
-// Checksum of the built-in compressed table, as a volume's up-case table entry records it.
-inline constexpr uint32_t exfat_upcase_default_checksum = 0xE619D30D;
-
-// Holds only the characters whose capital differs from themselves
-// (16-bit key = character, 16-bit value = capital); any other character is
-// its own capital.
-struct exfat_upcase_table {
-    qfs_ht *map;
-};
-
-// The built-in compressed table as stored on a volume (little-endian entries) and its size in bytes.
-qfs_result exfat_upcase_get_default_compressed_table(const uint8_t **out_table, size_t *out_size);
-// The built-in table, decompressed.
-qfs_result exfat_upcase_get_default_table(exfat_upcase_table **out);
-// Decompresses `entry_count` little-endian 16-bit entries: each is the capital
-// of the next character, except that 0xFFFF followed by a count n says that
-// the next n characters are their own capitals.
-qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t entry_count, exfat_upcase_table **out);
-qfs_result exfat_upcase_destroy_table(exfat_upcase_table **table);
-
-uint16_t exfat_upcase_char(const exfat_upcase_table *table, uint16_t character);
-// Replaces each character by its capital. When *inout_result is null a buffer
-// of `length` characters is allocated for it (free with qfs_free); otherwise
-// the given buffer is written, and it may be `name` itself. `mode` does not
-// change the result.
-qfs_result exfat_upcase_convert_case(const exfat_upcase_table *table, const uint16_t *name, size_t length, int mode,
-                                     uint16_t **inout_result);
-// -1, 0 or 1 at the first difference between the capitals of two names of
-// `length` characters. A character equal to *optional_char (when given) is
-// compared as it is. A null table compares the raw bytes.
-int exfat_upcase_compare_names(const exfat_upcase_table *table, const uint16_t *a, const uint16_t *b, size_t length,
-                               const uint16_t *optional_char);
-
-// Rotate-right-and-add checksum of an up-case table's bytes.
-uint32_t exfat_upcase_table_checksum(const uint8_t *bytes, size_t length);
-
-// The exFAT name hash over the up-cased name, starting from `incoming`.
-uint16_t exfat_upcase_name_hash_seeded(const exfat_upcase_table *table, uint16_t incoming, const uint16_t *name,
-                                       uint8_t length);
-uint16_t exfat_upcase_name_hash(const exfat_upcase_table *table, const uint16_t *name, uint8_t length);
-uint16_t exfat_upcase_path_hash(const exfat_upcase_table *table, const uint16_t *path, size_t length);
+[[nodiscard]] inline qfs_result exfat_upcase_get_default_compressed_table(const uint8_t **out_table, size_t *out_size) {
+    return qfs_upcase_get_default_compressed_table(out_table, out_size);
+}
+[[nodiscard]] inline qfs_result exfat_upcase_get_default_table(exfat_upcase_table **out) {
+    return qfs_upcase_get_default_table(out);
+}
+[[nodiscard]] inline qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t entry_count,
+                                                              exfat_upcase_table **out) {
+    return qfs_upcase_decompress_table(entries_le, entry_count, out);
+}
+[[nodiscard]] inline qfs_result exfat_upcase_destroy_table(exfat_upcase_table **table) {
+    return qfs_upcase_destroy_table(table);
+}
+inline uint16_t exfat_upcase_char(const exfat_upcase_table *table, uint16_t character) {
+    return qfs_upcase_char(table, character);
+}
+[[nodiscard]] inline qfs_result exfat_upcase_convert_case(const exfat_upcase_table *table, const uint16_t *name,
+                                                          size_t length, int mode, uint16_t **inout_result) {
+    return qfs_upcase_convert_case(table, name, length, mode, inout_result);
+}
+inline int exfat_upcase_compare_names(const exfat_upcase_table *table, const uint16_t *a, const uint16_t *b,
+                                      size_t length, const uint16_t *optional_char) {
+    return qfs_upcase_compare_names(table, a, b, length, optional_char);
+}
+inline uint32_t exfat_upcase_table_checksum(const uint8_t *bytes, size_t length) {
+    return qfs_upcase_table_checksum(bytes, length);
+}
+inline uint16_t exfat_upcase_name_hash_seeded(const exfat_upcase_table *table, uint16_t incoming,
+                                              const uint16_t *name, uint8_t length) {
+    return qfs_upcase_name_hash_seeded(table, incoming, name, length);
+}
+inline uint16_t exfat_upcase_name_hash(const exfat_upcase_table *table, const uint16_t *name, uint8_t length) {
+    return qfs_upcase_name_hash(table, name, length);
+}
+inline uint16_t exfat_upcase_path_hash(const exfat_upcase_table *table, const uint16_t *path, size_t length) {
+    return qfs_upcase_path_hash(table, path, length);
+}

@@ -1,10 +1,8 @@
 #include "exfat/util.h"
 
-#include <cstdlib>
-
 #include "exfat/exfat_ondisk.h"
 #include "support/qfs_logging.h"
-#include "support/qfs_support.h"
+#include "support/qfs_random.h"
 
 uint32_t exfat_util_calculate_boot_region_checksum(const uint8_t *bytes, size_t length) {
     QFS_TRACE("exfat_util_calculate_boot_region_checksum checksumming %zu bytes...", length);
@@ -31,24 +29,7 @@ uint16_t exfat_util_calculate_entry_set_checksum(const uint8_t *entries, size_t 
     return checksum;
 }
 
-qfs_result exfat_util_generate_serial_number(uint32_t *out_serial) {
-    qfs_time now{};
-    const qfs_result r = qfs_get_current_time(&now);
-    if (r != QFS_OK) {
-        QFS_LOG_ERROR("Error while getting the current time: %lu (%s)", QFS_ERR_ARGS(r));
-        return r;
-    }
-    const uint32_t microseconds = static_cast<uint32_t>(now.nanoseconds / 1000);
-    srand(microseconds ^ static_cast<uint32_t>(now.seconds));
-    const uint32_t r1 = static_cast<uint32_t>(rand());
-    const uint32_t r2 = static_cast<uint32_t>(rand());
-    const uint32_t r3 = static_cast<uint32_t>(rand());
-    const uint32_t r4 = static_cast<uint32_t>(rand());
-    const uint32_t serial = r1 ^ (r2 << 8) ^ (r3 << 16) ^ (r4 << 24);
-    QFS_TRACE("Generated serial number: 0x%lX", static_cast<unsigned long>(serial));
-    *out_serial = serial;
-    return QFS_OK;
-}
+qfs_result exfat_util_generate_serial_number(uint32_t *out_serial) { return qfs_random_serial_number(out_serial); }
 
 int exfat_util_label_is_valid(const uint16_t *label, size_t length) {
     for (size_t i = 0; i < length; ++i) {

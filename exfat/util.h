@@ -15,7 +15,7 @@ uint32_t exfat_util_calculate_boot_region_checksum(const uint8_t *bytes, size_t 
 uint16_t exfat_util_calculate_entry_set_checksum(const uint8_t *entries, size_t entry_count);
 
 // A volume serial number from the clock-seeded standard generator.
-qfs_result exfat_util_generate_serial_number(uint32_t *out_serial);
+[[nodiscard]] qfs_result exfat_util_generate_serial_number(uint32_t *out_serial);
 
 // Non-zero when every code unit is allowed in an exFAT volume label: no
 // control characters and none of " * / : < > ? \ |.

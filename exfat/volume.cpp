@@ -1,7 +1,6 @@
 // Opening, closing and releasing an exFAT volume.
 #include "exfat/volume.h"
 
-#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -69,8 +68,8 @@ qfs_result refuse_if_mounted(qfs_device *device) {
     if (mounted) {
         mount_point[mount_point_buffer_size - 1] = '\0';
         QFS_LOG_ERROR("Refusing to open a volume that is mounted (at \"%s\"): %lu (%s)", mount_point.get(),
-                      QFS_ERR_ARGS(EBUSY));
-        return EBUSY;
+                      QFS_ERR_ARGS(QFS_ERR_SYS_BUSY));
+        return QFS_ERR_SYS_BUSY;
     }
     return QFS_OK;
 }
@@ -81,21 +80,55 @@ void reset_volume(exfat_volume *volume) {
     new (volume) exfat_volume{};
 }
 
+// The caller's object made ready for a fresh open, or a new one.
+qfs_result take_volume_object(exfat_volume **inout_volume, exfat_volume **out_volume) {
+    exfat_volume *volume = *inout_volume;
+    if (volume == nullptr) {
+        return exfat_volume_allocate(out_volume);
+    }
+    if (volume->in_use) {
+        QFS_LOG_ERROR("The volume object is already in use: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_INVALID_PARAMETER));
+        return QFS_ERR_INVALID_PARAMETER;
+    }
+    reset_volume(volume); // nothing of an earlier open carries over
+    *out_volume = volume;
+    return QFS_OK;
+}
+
+// Everything an open reads and sets up once the object is ready.
+qfs_result open_volume(exfat_volume *volume, bool device_was_open) {
+    qfs_result r = create_caches(volume);
+    if (r != QFS_OK) return r;
+    if (!device_was_open) {
+        r = qfs_device_open(volume->device, 0);
+        if (r != QFS_OK) {
+            QFS_LOG_ERROR("Error while opening device: %lu (%s)", QFS_ERR_ARGS(r));
+            return r;
+        }
+        volume->opened_device = true;
+    }
+    uint8_t first_bytes[512];
+    r = qfs_device_read_exact(volume->device, 0, sizeof(first_bytes), first_bytes);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Failed to read boot sector from exFAT volume: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    r = exfat_volume_initialize_cached_values(volume, first_bytes);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Initializing cached values failed: %lu (%s)", QFS_ERR_ARGS(r));
+        return r;
+    }
+    if (!volume->read_only && volume->dirty == 0 && !(volume->flags & EXFAT_VOLUME_DO_NOT_MARK_DIRTY)) {
+        r = exfat_volume_set_dirty(volume);
+        if (r != QFS_OK) {
+            QFS_LOG_ERROR("exfat_volume_set_dirty returned with error: %lu (%s)", QFS_ERR_ARGS(r));
+            return r;
+        }
+    }
+    return QFS_OK;
+}
+
 } // namespace
-
-qfs_result exfat_volume_read_exact(qfs_device *device, uint64_t position, size_t count, void *buffer) {
-    size_t got = 0;
-    const qfs_result r = qfs_device_pread(device, position, count, buffer, &got);
-    if (r != QFS_OK) return r;
-    return got == count ? QFS_OK : QFS_ERR_IO_ERROR;
-}
-
-qfs_result exfat_volume_write_exact(qfs_device *device, uint64_t position, size_t count, const void *buffer) {
-    size_t written = 0;
-    const qfs_result r = qfs_device_pwrite(device, position, count, buffer, &written);
-    if (r != QFS_OK) return r;
-    return written == count ? QFS_OK : QFS_ERR_IO_ERROR;
-}
 
 qfs_result exfat_volume_allocate(exfat_volume **out_volume) {
     if (out_volume == nullptr) return QFS_ERR_INVALID_PARAMETER;
@@ -115,7 +148,7 @@ qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume 
     if (device == nullptr || inout_volume == nullptr) return QFS_ERR_INVALID_PARAMETER;
     if (!ondisk_layout_valid) {
         QFS_LOG_CRITICAL("Invalid on-disk struct layout! Check your compiler settings...");
-        return exfat_volume_internal_error;
+        return QFS_ERR_SYS_INTERNAL;
     }
     const bool device_was_open = (device->flags & QFS_DEVICE_FLAG_OPEN) != 0;
     qfs_result r = QFS_OK;
@@ -126,20 +159,13 @@ qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume 
     const bool read_only = (flags & EXFAT_VOLUME_READ_ONLY) != 0;
     if (read_only && (flags & EXFAT_VOLUME_TIME_MODE_MASK) != 0) {
         QFS_LOG_ERROR("Invalid time mode for read only volume.");
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
 
-    exfat_volume *volume = *inout_volume;
-    const bool allocated_here = volume == nullptr;
-    if (allocated_here) {
-        r = exfat_volume_allocate(&volume);
-        if (r != QFS_OK) return r;
-    } else if (volume->in_use) {
-        QFS_LOG_ERROR("The volume object is already in use: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_INVALID_PARAMETER));
-        return QFS_ERR_INVALID_PARAMETER;
-    } else {
-        reset_volume(volume); // nothing of an earlier open carries over
-    }
+    const bool allocated_here = *inout_volume == nullptr;
+    exfat_volume *volume = nullptr;
+    r = take_volume_object(inout_volume, &volume);
+    if (r != QFS_OK) return r;
     volume->device = device;
     volume->flags = flags;
     volume->read_only = read_only;
@@ -149,40 +175,15 @@ qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume 
             if (c != QFS_OK) QFS_LOG_ERROR("Error while closing device: %lu (%s)", QFS_ERR_ARGS(c));
         }
         if (allocated_here) {
-            exfat_volume_destroy(&volume);
+            // The volume never became in use, so its destroy has nothing to close and cannot fail.
+            (void)exfat_volume_destroy(&volume);
         } else {
             reset_volume(volume);
         }
     });
 
-    r = create_caches(volume);
+    r = open_volume(volume, device_was_open);
     if (r != QFS_OK) return r;
-    if (!device_was_open) {
-        r = qfs_device_open(device, 0);
-        if (r != QFS_OK) {
-            QFS_LOG_ERROR("Error while opening device: %lu (%s)", QFS_ERR_ARGS(r));
-            return r;
-        }
-        volume->opened_device = true;
-    }
-    uint8_t first_bytes[512];
-    r = exfat_volume_read_exact(device, 0, sizeof(first_bytes), first_bytes);
-    if (r != QFS_OK) {
-        QFS_LOG_ERROR("Failed to read boot sector from exFAT volume: %lu (%s)", QFS_ERR_ARGS(r));
-        return r;
-    }
-    r = exfat_volume_initialize_cached_values(volume, first_bytes);
-    if (r != QFS_OK) {
-        QFS_LOG_ERROR("Initializing cached values failed: %lu (%s)", QFS_ERR_ARGS(r));
-        return r;
-    }
-    if (!read_only && volume->dirty == 0 && !(flags & EXFAT_VOLUME_DO_NOT_MARK_DIRTY)) {
-        r = exfat_volume_set_dirty(volume);
-        if (r != QFS_OK) {
-            QFS_LOG_ERROR("exfat_volume_set_dirty returned with error: %lu (%s)", QFS_ERR_ARGS(r));
-            return r;
-        }
-    }
     undo.dismiss();
     volume->in_use = true;
     *inout_volume = volume;
@@ -198,7 +199,7 @@ qfs_result exfat_volume_close(exfat_volume *volume) {
         uint16_t flags = get_le16(b, ed::boot::volume_flags);
         if (volume->dirty > 1) {
             QFS_LOG_CRITICAL("Dirty state not 0 or 1 at exfat_volume_close.");
-            result.keep(exfat_volume_internal_error);
+            result.keep(QFS_ERR_SYS_INTERNAL);
         } else if (volume->inconsistencies > 0) {
             if (volume->dirty == 1) {
                 QFS_LOG_WARNING("Leaving the volume marked as dirty because of %llu possible metadata inconsistencies "

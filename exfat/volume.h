@@ -21,7 +21,7 @@ enum : uint32_t {
 
 // Opens the volume on `device`. With *inout_volume null a volume object is
 // allocated; otherwise the caller's object (from exfat_volume_allocate) is used.
-qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume **inout_volume);
+[[nodiscard]] qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume **inout_volume);
 // Synchronises the boot sector fields, settles the dirty state and closes the
 // device when the volume opened it. On a writable volume close rewrites sector
 // 0 (and syncs) only when one of the two fields outside the boot-region
@@ -29,16 +29,16 @@ qfs_result exfat_volume_create(qfs_device *device, uint32_t flags, exfat_volume 
 // at open and no inconsistency was met (it is set, or left set, otherwise),
 // and PercentInUse becomes (allocated clusters x 100) / cluster count. A
 // read-only volume writes nothing. A second close does nothing.
-qfs_result exfat_volume_close(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_close(exfat_volume *volume);
 // Closes the volume if it is still open, then frees it.
-qfs_result exfat_volume_destroy(exfat_volume **volume);
+[[nodiscard]] qfs_result exfat_volume_destroy(exfat_volume **volume);
 // A zeroed volume object for callers that preallocate.
-qfs_result exfat_volume_allocate(exfat_volume **out_volume);
+[[nodiscard]] qfs_result exfat_volume_allocate(exfat_volume **out_volume);
 
 // Each writes sector 0 at once and syncs; a read-only volume refuses.
-qfs_result exfat_volume_update_percent_in_use(exfat_volume *volume);
-qfs_result exfat_volume_set_dirty(exfat_volume *volume);
-qfs_result exfat_volume_clear_dirty(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_update_percent_in_use(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_set_dirty(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_clear_dirty(exfat_volume *volume);
 
 // What the volume reports once open.
 struct exfat_volume_info {
@@ -59,25 +59,26 @@ struct exfat_volume_info {
     uint64_t free_clusters;
     bool upcase_from_volume; // false when the built-in copy serves the standard checksum
 };
-qfs_result exfat_volume_get_info(const exfat_volume *volume, exfat_volume_info *out_info);
+[[nodiscard]] qfs_result exfat_volume_get_info(const exfat_volume *volume, exfat_volume_info *out_info);
 // The label as UTF-8; empty when the volume has none. Owned by the volume.
 const char *exfat_volume_get_label(const exfat_volume *volume);
 
-struct exfat_upcase_table;
+struct qfs_upcase_table;
+using exfat_upcase_table = qfs_upcase_table;
 // The volume's up-case table: the built-in copy when the up-case record
 // carries the standard table's checksum, otherwise the table read from the
 // volume, checked against the record's checksum and decompressed. Free it
 // with exfat_upcase_destroy_table.
-qfs_result exfat_volume_read_upcase_table(exfat_volume *volume, exfat_upcase_table **out_table);
+[[nodiscard]] qfs_result exfat_volume_read_upcase_table(exfat_volume *volume, exfat_upcase_table **out_table);
 
 // Replaces the label (UTF-8, at most 11 UTF-16 units of allowed characters)
 // in the label record, or in the root directory's first free entry.
-qfs_result exfat_volume_set_name(exfat_volume *volume, const char *label);
+[[nodiscard]] qfs_result exfat_volume_set_name(exfat_volume *volume, const char *label);
 // Writes the serial number into the main and backup boot sectors and
 // recomputes both boot-region checksums.
-qfs_result exfat_volume_set_serial_number(exfat_volume *volume, uint32_t serial_number);
+[[nodiscard]] qfs_result exfat_volume_set_serial_number(exfat_volume *volume, uint32_t serial_number);
 // The 16 bytes of the volume GUID record; 2 (no such entry) when the volume has none.
-qfs_result exfat_volume_get_guid(const exfat_volume *volume, uint8_t *out_guid);
+[[nodiscard]] qfs_result exfat_volume_get_guid(const exfat_volume *volume, uint8_t *out_guid);
 // Writes the volume GUID record (type 0xA0, no secondary entries, its set
 // checksum at bytes 2-3, flags 0, the GUID at bytes 6-21).
-qfs_result exfat_volume_set_guid(exfat_volume *volume, const uint8_t *guid);
+[[nodiscard]] qfs_result exfat_volume_set_guid(exfat_volume *volume, const uint8_t *guid);

@@ -1,7 +1,5 @@
 #include "exfat/volume_boot_region.h"
 
-#include <cerrno>
-
 #include "exfat/exfat_ondisk.h"
 #include "exfat/util.h"
 #include "exfat/volume_internal.h"
@@ -24,7 +22,7 @@ qfs_result exfat_boot_region_read(qfs_device *device, uint32_t bytes_per_sector,
     qfs_buffer region;
     qfs_result r = qfs_buffer_alloc(size, region);
     if (r != QFS_OK) return r;
-    r = exfat_volume_read_exact(device, region_position(bytes_per_sector, which), size, region.get());
+    r = qfs_device_read_exact(device, region_position(bytes_per_sector, which), size, region.get());
     if (r != QFS_OK) return r;
     out_region = std::move(region);
     return QFS_OK;
@@ -40,7 +38,7 @@ qfs_result exfat_boot_region_verify(const uint8_t *region, uint32_t bytes_per_se
         QFS_LOG_ERROR("Calculated %s boot region checksum (0x%08lX) doesn't match stored checksum (0x%08lX).",
                       main ? "main" : "backup", static_cast<unsigned long>(calculated),
                       static_cast<unsigned long>(stored));
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     for (size_t i = 1; i < bytes_per_sector / 4; ++i) {
         const uint32_t word = get_le32(checksums, i * 4);
@@ -49,7 +47,7 @@ qfs_result exfat_boot_region_verify(const uint8_t *region, uint32_t bytes_per_se
                           "(0x%08lX) != checksum_region[%zu] (0x%08lX)",
                           main ? "Main" : "Backup", static_cast<unsigned long>(stored), i,
                           static_cast<unsigned long>(word));
-            return EINVAL;
+            return QFS_ERR_SYS_INVALID_ARGUMENT;
         }
     }
     return QFS_OK;

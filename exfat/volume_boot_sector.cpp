@@ -1,7 +1,6 @@
 // The boot sector fields a volume keeps current while open: the dirty flag
 // and PercentInUse. The boot-region checksum skips both, so rewriting sector
 // 0 with new values leaves the region valid.
-#include <cerrno>
 #include <cstring>
 
 #include "exfat/volume_internal.h"
@@ -42,7 +41,7 @@ qfs_result exfat_volume_write_boot_sector(exfat_volume *volume) {
     const uint32_t bps = volume->geometry.bytes_per_sector != 0
                              ? volume->geometry.bytes_per_sector
                              : 1u << volume->boot_sector[ed::boot::bytes_per_sector_shift];
-    qfs_result r = exfat_volume_write_exact(volume->device, 0, bps, volume->boot_sector.get());
+    qfs_result r = qfs_device_write_exact(volume->device, 0, bps, volume->boot_sector.get());
     if (r != QFS_OK) return r;
     memcpy(volume->boot_sector_on_disk.get(), volume->boot_sector.get(), bps);
     // Not synced here: the dirty flag has to reach the medium before the changes it guards, which
@@ -77,7 +76,7 @@ qfs_result exfat_volume_compute_percent_in_use(const exfat_volume *volume, uint8
     const long long percent = clusters == 0 ? -1 : in_use * 100 / clusters;
     if (percent < 0 || percent > 100) {
         QFS_LOG_ERROR("internal miscalculation: percent_in_use=%lld", percent);
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     *out_percent = static_cast<uint8_t>(percent);
     return QFS_OK;

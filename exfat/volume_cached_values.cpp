@@ -3,7 +3,6 @@
 // records, the allocation count, the label, the up-case table and the kept
 // copies of both boot regions.
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -13,7 +12,6 @@
 #include "exfat/volume_internal.h"
 #include "support/qfs_endian.h"
 #include "support/qfs_logging.h"
-#include "support/qfs_scope.h"
 #include "support/qfs_support.h"
 
 namespace ed = exfat_ondisk;
@@ -45,12 +43,12 @@ qfs_result cache_boot_values(exfat_volume *volume) {
     g.number_of_fats = b[ed::boot::number_of_fats];
     if (g.number_of_fats != 1 && g.number_of_fats != 2) {
         QFS_LOG_ERROR("Boot sector field 'number_of_fats' contains an invalid value: %hhu", g.number_of_fats);
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     g.active_fat = (flags & ed::flag_active_fat) ? 1 : 0;
     if (g.active_fat == 1 && g.number_of_fats == 1) {
         QFS_LOG_ERROR("Boot sector specifies the use of a second FAT, but there is only one.");
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     volume->dirty = (flags & ed::flag_volume_dirty) ? 1 : 0;
     volume->clean_at_open = volume->dirty == 0;
@@ -79,7 +77,7 @@ qfs_result check_volume_fits_device(qfs_device *device, uint32_t bytes_per_secto
     if (volume_length > device_sectors) {
         QFS_LOG_ERROR("Inconsistency: The volume (%llu sectors) extends beyond the end of the device (%llu sectors).",
                       static_cast<unsigned long long>(volume_length), static_cast<unsigned long long>(device_sectors));
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     return QFS_OK;
 }
@@ -107,7 +105,7 @@ qfs_result create_root_inode(exfat_volume *volume, uint32_t cluster_count) {
     if (!qfs_util_hashtable_get(volume->iref_cache.get(), &key, exfat_iref_key_size, &cached, exfat_iref_value_size) ||
         cached != inode || cached->main_ref != cached) {
         QFS_LOG_CRITICAL("Root iref is not the main ref.");
-        return exfat_volume_internal_error;
+        return QFS_ERR_SYS_INTERNAL;
     }
     volume->root = inode;
     return QFS_OK;
@@ -139,7 +137,7 @@ qfs_result collect_metadata_clusters(exfat_volume *volume, std::vector<uint32_t>
             try {
                 clusters->insert(clusters->end(), upcase_clusters.begin(), upcase_clusters.end());
             } catch (const std::bad_alloc &) {
-                return ENOMEM;
+                return QFS_ERR_SYS_NO_MEMORY;
             }
         }
     }
@@ -178,13 +176,13 @@ qfs_result read_metadata(exfat_volume *volume) {
     const exfat_root_record &bitmap_record = volume->root_metadata.bitmap[active];
     if (!bitmap_record.present) {
         QFS_LOG_ERROR("No record for the active bitmap (%d) found in root directory.", active);
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     volume->bitmap_first_cluster = get_le32(bitmap_record.entry, ed::dentry::first_cluster);
     volume->bitmap_length = get_le64(bitmap_record.entry, ed::dentry::data_length);
     if (volume->bitmap_length >= ed::bitmap_length_limit) {
         QFS_LOG_ERROR("Volume bitmap size out of bounds: %llu", static_cast<unsigned long long>(volume->bitmap_length));
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     exfat_allocation_bitmap *raw_bitmap = nullptr;
     r = exfat_allocation_bitmap_create(volume->device, &volume->geometry, fat, volume->bitmap_first_cluster,
@@ -193,12 +191,12 @@ qfs_result read_metadata(exfat_volume *volume) {
         QFS_LOG_ERROR("Failed to create bitmap object: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
-    qfs_cleanup release_bitmap([&] { exfat_allocation_bitmap_destroy(&raw_bitmap); });
+    const qfs_owned<exfat_allocation_bitmap, exfat_allocation_bitmap_destroy> bitmap(raw_bitmap);
     std::vector<uint32_t> metadata_clusters;
     r = collect_metadata_clusters(volume, &metadata_clusters);
     if (r != QFS_OK) return r;
     uint64_t allocated = 0;
-    r = exfat_allocation_bitmap_count_allocated(raw_bitmap, metadata_clusters.data(), metadata_clusters.size(),
+    r = exfat_allocation_bitmap_count_allocated(bitmap.get(), metadata_clusters.data(), metadata_clusters.size(),
                                                 &allocated);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Error while counting allocations: %lu (%s)", QFS_ERR_ARGS(r));
@@ -276,7 +274,7 @@ qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uin
     if ((flags & ed::flag_media_failure) && !(volume->flags & EXFAT_VOLUME_IGNORE_MEDIA_FAILURE)) {
         QFS_LOG_ERROR("Refusing to mount: An unhandled media failure has been previously reported for this volume. "
                       "Run 'chkdsk /r' before attempting to mount this volume.");
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     const uint32_t bps = 1u << first_bytes[ed::boot::bytes_per_sector_shift];
     r = exfat_boot_region_validate(volume->device, bps, exfat_boot_region::main);
@@ -290,15 +288,15 @@ qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uin
     r = qfs_buffer_alloc(bps, volume->boot_sector);
     if (r == QFS_OK) r = qfs_buffer_alloc(bps, volume->boot_sector_on_disk);
     if (r != QFS_OK) return r;
-    r = exfat_volume_read_exact(volume->device, 0, bps, volume->boot_sector.get());
+    r = qfs_device_read_exact(volume->device, 0, bps, volume->boot_sector.get());
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Failed to read boot sector from exFAT volume: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
     // The values below must come from the bytes the checks passed.
     if (memcmp(volume->boot_sector.get(), first_bytes, 512) != 0) {
-        QFS_LOG_ERROR("Boot sector changed while the volume was being opened: %lu (%s)", QFS_ERR_ARGS(EIO));
-        return EIO;
+        QFS_LOG_ERROR("Boot sector changed while the volume was being opened: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_IO));
+        return QFS_ERR_SYS_IO;
     }
     memcpy(volume->boot_sector_on_disk.get(), volume->boot_sector.get(), bps);
     const uint16_t current_flags = get_le16(volume->boot_sector.get(), ed::boot::volume_flags);

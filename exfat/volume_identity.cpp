@@ -1,6 +1,5 @@
 // The volume's identity beyond its label: the serial number in the boot
 // sector and the optional volume GUID record in the root directory.
-#include <cerrno>
 #include <cstring>
 
 #include "exfat/util.h"
@@ -20,10 +19,10 @@ qfs_result write_sealed_region(exfat_volume *volume, uint8_t *region, exfat_boot
     const uint32_t bps = volume->geometry.bytes_per_sector;
     exfat_boot_region_seal(region, bps);
     const uint64_t base = which == exfat_boot_region::main ? 0 : static_cast<uint64_t>(ed::boot_region_sectors) * bps;
-    qfs_result r = exfat_volume_write_exact(volume->device, base, bps, region);
+    qfs_result r = qfs_device_write_exact(volume->device, base, bps, region);
     if (r != QFS_OK) return r;
     const uint64_t checksum_offset = static_cast<uint64_t>(ed::checksum_sector) * bps;
-    return exfat_volume_write_exact(volume->device, base + checksum_offset, bps, region + checksum_offset);
+    return qfs_device_write_exact(volume->device, base + checksum_offset, bps, region + checksum_offset);
 }
 
 qfs_result change_serial_number(exfat_volume *volume, uint32_t serial) {
@@ -56,12 +55,12 @@ qfs_result exfat_volume_store_root_record(exfat_volume *volume, const exfat_root
     } else if (volume->root_metadata.has_free_slot) {
         position = volume->root_metadata.free_slot_position;
     } else {
-        QFS_LOG_ERROR("No free entry left in root directory for a volume record: %lu (%s)", QFS_ERR_ARGS(ENOSPC));
-        return ENOSPC;
+        QFS_LOG_ERROR("No free entry left in root directory for a volume record: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_SYS_NO_SPACE));
+        return QFS_ERR_SYS_NO_SPACE;
     }
     qfs_result r = exfat_volume_begin_change(volume);
     if (r != QFS_OK) return r;
-    r = exfat_volume_write_exact(volume->device, position, ed::dentry_size, entry);
+    r = qfs_device_write_exact(volume->device, position, ed::dentry_size, entry);
     if (r != QFS_OK) return r;
     r = qfs_device_sync(volume->device);
     if (r != QFS_OK) return r;
@@ -82,14 +81,14 @@ qfs_result exfat_volume_set_serial_number(exfat_volume *volume, uint32_t serial_
 qfs_result exfat_volume_get_guid(const exfat_volume *volume, uint8_t *out_guid) {
     if (volume == nullptr || out_guid == nullptr || !volume->in_use) return QFS_ERR_INVALID_PARAMETER;
     const exfat_root_record &record = volume->root_metadata.guid;
-    if (!record.present) return ENOENT;
+    if (!record.present) return QFS_ERR_SYS_NO_ENTRY;
     const uint16_t stored = get_le16(record.entry, ed::dentry::set_checksum);
     const uint16_t calculated = exfat_util_calculate_entry_set_checksum(record.entry, 1);
     if (stored != calculated) {
         QFS_LOG_ERROR("Volume inconsistency - Bad set checksum in volume GUID record (stored 0x%04hX, calculated "
                       "0x%04hX): %lu (%s)",
-                      stored, calculated, QFS_ERR_ARGS(EIO));
-        return EIO;
+                      stored, calculated, QFS_ERR_ARGS(QFS_ERR_SYS_IO));
+        return QFS_ERR_SYS_IO;
     }
     memcpy(out_guid, record.entry + ed::dentry::volume_guid, guid_size);
     return QFS_OK;

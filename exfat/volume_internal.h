@@ -16,19 +16,6 @@
 #include "support/qfs_memory.h"
 #include "support/qfs_util_hashtable.h"
 
-// The platform's number for an internal error, as the volume code reports it.
-inline constexpr qfs_result exfat_volume_internal_error = 6;
-
-struct exfat_fat_deleter {
-    void operator()(exfat_fat *fat) const { exfat_fat_destroy(&fat); }
-};
-struct exfat_upcase_deleter {
-    void operator()(exfat_upcase_table *table) const { exfat_upcase_destroy_table(&table); }
-};
-struct qfs_util_hashtable_deleter {
-    void operator()(qfs_util_hashtable *table) const { qfs_util_hashtable_destroy(&table); }
-};
-
 // An open file-system object. The reference caches own these: the cache of
 // open references maps the inode number (8 bytes) to the inode's address.
 struct exfat_inode {
@@ -69,7 +56,7 @@ struct exfat_volume {
     qfs_buffer boot_sector;
     qfs_buffer boot_sector_on_disk;
 
-    std::unique_ptr<exfat_fat, exfat_fat_deleter> fat;
+    qfs_owned<exfat_fat, exfat_fat_destroy> fat;
     exfat_root_metadata root_metadata{};
     exfat_inode *root = nullptr; // owned by iref_cache
     // The active FAT's bitmap.
@@ -78,39 +65,37 @@ struct exfat_volume {
     uint64_t free_clusters = 0;
 
     qfs_unique<char[]> label; // UTF-8
-    std::unique_ptr<exfat_upcase_table, exfat_upcase_deleter> upcase;
+    qfs_owned<exfat_upcase_table, exfat_upcase_destroy_table> upcase;
     bool upcase_from_volume = false;
 
     // The boot regions as read from the device; null when a read-only open could not read one.
     qfs_buffer main_boot_region;
     qfs_buffer backup_boot_region;
 
-    std::unique_ptr<qfs_util_hashtable, qfs_util_hashtable_deleter> iref_cache;
-    std::unique_ptr<qfs_util_hashtable, qfs_util_hashtable_deleter> removed_iref_cache;
+    qfs_owned<qfs_util_hashtable, qfs_util_hashtable_destroy> iref_cache;
+    qfs_owned<qfs_util_hashtable, qfs_util_hashtable_destroy> removed_iref_cache;
 
     uint64_t inconsistencies = 0;
 };
 
 // The rest of an open once the first 512 bytes of sector 0 are read:
 // everything from the boot sector checks to the kept boot regions.
-qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uint8_t *first_bytes);
+[[nodiscard]] qfs_result exfat_volume_initialize_cached_values(exfat_volume *volume, const uint8_t *first_bytes);
 
-// Reads exactly `count` bytes; a short read is an I/O error.
-qfs_result exfat_volume_read_exact(qfs_device *device, uint64_t position, size_t count, void *buffer);
-qfs_result exfat_volume_write_exact(qfs_device *device, uint64_t position, size_t count, const void *buffer);
 
 // Writes the cached boot sector to sector 0 and makes it durable.
-qfs_result exfat_volume_write_boot_sector(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_write_boot_sector(exfat_volume *volume);
 // Before any other metadata change: a dirty flag still in the cache must reach the medium first.
-qfs_result exfat_volume_begin_change(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_begin_change(exfat_volume *volume);
 // Writes the cached boot sector only when it differs from what the device holds.
-qfs_result exfat_volume_write_boot_sector_fields(exfat_volume *volume);
+[[nodiscard]] qfs_result exfat_volume_write_boot_sector_fields(exfat_volume *volume);
 // PercentInUse from the allocation count, 0 to 100.
-qfs_result exfat_volume_compute_percent_in_use(const exfat_volume *volume, uint8_t *out_percent);
+[[nodiscard]] qfs_result exfat_volume_compute_percent_in_use(const exfat_volume *volume, uint8_t *out_percent);
 
 // Reads the label from its root directory record into a new UTF-8 string.
-qfs_result exfat_volume_read_label(exfat_volume *volume, char **out_label);
+[[nodiscard]] qfs_result exfat_volume_read_label(exfat_volume *volume, char **out_label);
 
 // Writes a volume record over `record` when the volume has one, otherwise
 // into the root directory's first free entry, and reads the records again.
-qfs_result exfat_volume_store_root_record(exfat_volume *volume, const exfat_root_record &record, const uint8_t *entry);
+[[nodiscard]] qfs_result exfat_volume_store_root_record(exfat_volume *volume, const exfat_root_record &record,
+                                                        const uint8_t *entry);

@@ -1,6 +1,5 @@
 // The volume label: read from its root directory record at open, and
 // replaced on request.
-#include <cerrno>
 #include <cstring>
 
 #include "exfat/util.h"
@@ -28,7 +27,7 @@ qfs_result exfat_volume_read_label(exfat_volume *volume, char **out_label) {
     const uint8_t count = record.entry[ed::dentry::label_character_count];
     if (count >= ed::label_character_count_limit) {
         QFS_LOG_ERROR("Invalid value in char_count: %hhu", count);
-        return EINVAL;
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     uint16_t units[ed::label_character_count_limit - 1] = {};
     for (uint8_t i = 0; i < count; ++i) units[i] = get_le16(record.entry, ed::dentry::label_text + 2u * i);
@@ -54,7 +53,7 @@ qfs_result exfat_volume_set_name(exfat_volume *volume, const char *label) {
     if (volume->read_only) {
         r = QFS_ERR_DEVICE_READ_ONLY;
     } else if (count > ed::max_label_length || !exfat_util_label_is_valid(units.get(), count)) {
-        r = EINVAL;
+        r = QFS_ERR_SYS_INVALID_ARGUMENT;
     }
     char *copy = nullptr;
     if (r == QFS_OK) r = qfs_strdup(label, &copy);

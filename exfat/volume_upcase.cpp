@@ -1,7 +1,6 @@
 // The volume's up-case table: the built-in copy when the volume declares the
 // standard table's checksum, otherwise the table read from the volume and
 // proved by its checksum.
-#include <cerrno>
 #include <memory>
 
 #include "exfat/cluster_stream.h"
@@ -19,12 +18,12 @@ qfs_result read_raw_table(exfat_volume *volume, const exfat_root_record &record,
     const uint64_t length = get_le64(record.entry, ed::dentry::data_length);
     if (length % 2 != 0) {
         QFS_LOG_ERROR("Volume inconsistency - Uneven upcase table size: %llu", static_cast<unsigned long long>(length));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     if (length >= ed::upcase_length_limit) {
         QFS_LOG_ERROR("Volume inconsistency - Size of upcase table out of bounds for 16-bit range: %llu",
                       static_cast<unsigned long long>(length));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     qfs_buffer data;
     qfs_result r = qfs_buffer_alloc(static_cast<size_t>(length), data);
@@ -39,15 +38,14 @@ qfs_result read_raw_table(exfat_volume *volume, const exfat_root_record &record,
         QFS_LOG_ERROR("Failed to create cluster stream with upcase record.");
         return r;
     }
-    std::unique_ptr<exfat_cluster_stream, void (*)(exfat_cluster_stream *)> stream(
-        raw_stream, [](exfat_cluster_stream *s) { exfat_cluster_stream_destroy(&s); });
+    const qfs_owned<exfat_cluster_stream, exfat_cluster_stream_destroy> stream(raw_stream);
     size_t got = 0;
     r = exfat_cluster_stream_read(stream.get(), data.get(), static_cast<size_t>(length), &got);
     if (r != QFS_OK) return r;
     if (got != length) {
         QFS_LOG_ERROR("Could not read requested amount of raw upcase table data. Requested: %llu bytes, Read: %zu bytes",
                       static_cast<unsigned long long>(length), got);
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     out_data = std::move(data);
     *out_length = length;
@@ -61,7 +59,7 @@ qfs_result exfat_volume_read_upcase_table(exfat_volume *volume, exfat_upcase_tab
     const exfat_root_record &record = volume->root_metadata.upcase;
     if (!record.present) {
         QFS_LOG_ERROR("Volume inconsistency - No upcase table record found in root directory.");
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     const uint32_t recorded = get_le32(record.entry, ed::dentry::table_checksum);
     exfat_upcase_table *table = nullptr;
@@ -86,7 +84,7 @@ qfs_result exfat_volume_read_upcase_table(exfat_volume *volume, exfat_upcase_tab
     if (calculated != recorded) {
         QFS_LOG_ERROR("Incorrect checksum for upcase table! Expected: 0x%lX, Calculated: 0x%lX",
                       static_cast<unsigned long>(recorded), static_cast<unsigned long>(calculated));
-        return EIO;
+        return QFS_ERR_SYS_IO;
     }
     QFS_TRACE("Upcase table checksum: 0x%lX", static_cast<unsigned long>(calculated));
     r = exfat_upcase_decompress_table(data.get(), static_cast<uint16_t>(length / 2), &table);

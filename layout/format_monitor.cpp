@@ -50,3 +50,16 @@ void format_monitor_error_from(const format_monitor *monitor, const char *functi
     }
     va_end(args);
 }
+
+void format_monitor_report(const format_monitor *monitor, const format_volume_report &report) {
+    if (monitor == nullptr) {
+        return;
+    }
+    void *context = monitor->report_context;
+    if (monitor->file_system_name) monitor->file_system_name(context, report.file_system_name);
+    if (monitor->cluster_size) monitor->cluster_size(context, report.cluster_size);
+    if (monitor->total_size) monitor->total_size(context, report.total_size);
+    if (monitor->data_area_size) monitor->data_area_size(context, report.data_area_size);
+    if (monitor->free_space) monitor->free_space(context, report.free_space);
+    if (monitor->label) monitor->label(context, report.label);
+}

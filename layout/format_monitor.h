@@ -32,5 +32,18 @@ void format_monitor_warning_from(const format_monitor *monitor, const char *func
 void format_monitor_error_from(const format_monitor *monitor, const char *function,
                                const char *format, ...) QFS_PRINTF(3, 4);
 
+// What a format found out about the new volume, as its caller is told it.
+struct format_volume_report {
+    const char *file_system_name;
+    uint32_t cluster_size;   // bytes
+    uint64_t total_size;     // the volume, in bytes
+    uint64_t data_area_size; // the clusters, in bytes
+    uint64_t free_space;     // bytes
+    const char *label;       // UTF-8; empty without a label
+};
+
+// Hands each value to its report callback, skipping the missing ones.
+void format_monitor_report(const format_monitor *monitor, const format_volume_report &report);
+
 #define format_monitor_warning(monitor, ...) format_monitor_warning_from(monitor, __func__, __VA_ARGS__)
 #define format_monitor_error(monitor, ...) format_monitor_error_from(monitor, __func__, __VA_ARGS__)

@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "layout/padded_write.h"
 #include "layout/partition_table.h"
 #include "support/qfs_crc32.h"
 #include "support/qfs_endian.h"
@@ -9,6 +10,7 @@
 
 namespace {
 
+// Each header is built in 512 bytes; on a device of larger sectors the rest of its sector is zero.
 constexpr uint64_t lba_size = 512;
 constexpr uint32_t entry_count = 128;
 constexpr uint32_t entry_size = 128;
@@ -79,34 +81,34 @@ void build_header(uint8_t *header, uint64_t current_lba, uint64_t backup_lba, ui
     put_le32(header, header_crc, qfs_crc32(header, header_size));
 }
 
-} // namespace
-
-qfs_result exfat_format_partition_gpt(qfs_device *dev, const tca_param *param, uint64_t partition_start_sector,
-                                      uint64_t partition_sector_count, bool compare_before_write,
-                                      format_progress *progress, const format_monitor *monitor) {
-    const uint64_t boundary_unit = param->boundary_unit;
-    if (partition_start_sector % boundary_unit != 0) {
-        format_monitor_error(monitor,
-                             "GPT partitioning must be aligned to a boundary unit. Partition start: %llu, boundary "
-                             "unit: %lu",
-                             static_cast<unsigned long long>(partition_start_sector),
-                             static_cast<unsigned long>(boundary_unit));
-        return 22;
-    }
-    const uint64_t device_end = partition_start_sector + partition_sector_count + boundary_unit;
-    const uint64_t backup_header_lba = device_end - 1;
-    const uint64_t last_usable_lba = partition_start_sector + partition_sector_count - 1;
-
+// The four pieces of a GPT in one working buffer.
+struct gpt_image {
     qfs_buffer work;
-    qfs_result r = qfs_buffer_alloc(work_buffer_size, work);
+    uint8_t *protective_mbr;
+    uint8_t *primary;
+    uint8_t *backup;
+    uint8_t *entries;
+};
+
+// Where the table's pieces go on a card; all numbers are LBAs.
+struct gpt_places {
+    uint64_t lba_bytes;
+    uint64_t partition_start;
+    uint64_t last_usable;
+    uint64_t backup_header;
+    uint64_t boundary_unit;
+};
+
+qfs_result build_gpt(const gpt_places &at, const format_monitor *monitor, gpt_image *out) {
+    qfs_result r = qfs_buffer_alloc(work_buffer_size, out->work);
     if (r != QFS_OK) {
         format_monitor_error(monitor, "Error while allocating temporary GPT data buffer: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
-    uint8_t *protective_mbr = work.get();
-    uint8_t *primary = protective_mbr + lba_size;
-    uint8_t *backup = primary + lba_size;
-    uint8_t *entries = backup + lba_size;
+    out->protective_mbr = out->work.get();
+    out->primary = out->protective_mbr + lba_size;
+    out->backup = out->primary + lba_size;
+    out->entries = out->backup + lba_size;
 
     uint8_t disk_guid[16], unique_guid[16];
     r = qfs_util_generate_guid(disk_guid);
@@ -114,20 +116,24 @@ qfs_result exfat_format_partition_gpt(qfs_device *dev, const tca_param *param, u
     if (r != QFS_OK) {
         return r;
     }
-
-    build_protective_mbr(protective_mbr);
+    build_protective_mbr(out->protective_mbr);
+    uint8_t *entries = out->entries;
     memcpy(entries + part_type_guid, basic_data_type_guid, 16);
     memcpy(entries + part_unique_guid, unique_guid, 16);
-    put_le64(entries, part_first_lba, partition_start_sector);
-    put_le64(entries, part_last_lba, last_usable_lba);
+    put_le64(entries, part_first_lba, at.partition_start);
+    put_le64(entries, part_last_lba, at.last_usable);
     for (size_t i = 0; i < sizeof(partition_name) - 1; ++i) {
         put_le16(entries, part_name + 2 * i, static_cast<uint16_t>(partition_name[i]));
     }
     const uint32_t entries_crc = qfs_crc32(entries, entries_bytes);
-    build_header(primary, 1, backup_header_lba, partition_start_sector, last_usable_lba, disk_guid, 2, entries_crc);
-    build_header(backup, backup_header_lba, 1, partition_start_sector, last_usable_lba, disk_guid,
-                 last_usable_lba + 1, entries_crc);
+    build_header(out->primary, 1, at.backup_header, at.partition_start, at.last_usable, disk_guid, 2, entries_crc);
+    build_header(out->backup, at.backup_header, 1, at.partition_start, at.last_usable, disk_guid, at.last_usable + 1,
+                 entries_crc);
+    return QFS_OK;
+}
 
+qfs_result write_gpt(qfs_device *dev, const gpt_image &image, const gpt_places &at, bool compare_before_write,
+                     format_progress *progress, const format_monitor *monitor) {
     struct gpt_write {
         uint64_t position;
         const uint8_t *data;
@@ -135,25 +141,57 @@ qfs_result exfat_format_partition_gpt(qfs_device *dev, const tca_param *param, u
         uint64_t padded;
         const char *failure;
     };
+    const uint64_t lba = at.lba_bytes;
     const gpt_write writes[] = {
-        {0, protective_mbr, lba_size, lba_size, "Error while writing out the protective MBR region: %lu (%s)"},
-        {lba_size, primary, lba_size, lba_size, "Error while writing out the GPT header region: %lu (%s)"},
+        {0, image.protective_mbr, lba_size, lba, "Error while writing out the protective MBR region: %lu (%s)"},
+        {lba, image.primary, lba_size, lba, "Error while writing out the GPT header region: %lu (%s)"},
         // The primary entry array, padded with zeros up to the partition.
-        {2 * lba_size, entries, entries_bytes, (partition_start_sector - 2) * lba_size,
+        {2 * lba, image.entries, entries_bytes, (at.partition_start - 2) * lba,
          "Error while writing out the GPT partition entries: %lu (%s)"},
-        {backup_header_lba * lba_size, backup, lba_size, lba_size,
+        {at.backup_header * lba, image.backup, lba_size, lba,
          "Error while writing out the backup GPT header region: %lu (%s)"},
         // The backup entry array, padded up to the backup header.
-        {(last_usable_lba + 1) * lba_size, entries, entries_bytes, (boundary_unit - 1) * lba_size,
+        {(at.last_usable + 1) * lba, image.entries, entries_bytes, (at.boundary_unit - 1) * lba,
          "Error while writing the backup GPT partition entries.: %lu (%s)"},
     };
     for (const gpt_write &w : writes) {
-        r = exfat_format_write_with_padding(dev, w.position, w.size, w.data, w.padded, 0, compare_before_write, 0,
-                                            progress);
+        const qfs_result r = exfat_format_write_with_padding(dev, w.position, w.size, w.data, w.padded, 0,
+                                                             compare_before_write, 0, progress);
         if (r != QFS_OK) {
             format_monitor_error(monitor, w.failure, QFS_ERR_ARGS(r));
             return r;
         }
     }
     return QFS_OK;
+}
+
+} // namespace
+
+qfs_result gpt_write(qfs_device *dev, const tca_param &param, uint64_t partition_start_sector,
+                     uint64_t partition_sector_count, uint32_t lba_bytes, bool compare_before_write,
+                     format_progress *progress, const format_monitor *monitor) {
+    const uint64_t boundary_unit = param.boundary_unit;
+    if (partition_start_sector % boundary_unit != 0) {
+        format_monitor_error(monitor,
+                             "GPT partitioning must be aligned to a boundary unit. Partition start: %llu, boundary "
+                             "unit: %lu",
+                             static_cast<unsigned long long>(partition_start_sector),
+                             static_cast<unsigned long>(boundary_unit));
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
+    // One boundary unit stays free behind the partition; the backup header is the card's last sector.
+    const uint64_t device_end = partition_start_sector + partition_sector_count + boundary_unit;
+    const gpt_places at{
+        .lba_bytes = lba_bytes,
+        .partition_start = partition_start_sector,
+        .last_usable = partition_start_sector + partition_sector_count - 1,
+        .backup_header = device_end - 1,
+        .boundary_unit = boundary_unit,
+    };
+    gpt_image image{};
+    const qfs_result r = build_gpt(at, monitor, &image);
+    if (r != QFS_OK) {
+        return r;
+    }
+    return write_gpt(dev, image, at, compare_before_write, progress, monitor);
 }

@@ -1,12 +1,15 @@
 #include <cstring>
 
+#include "layout/padded_write.h"
 #include "layout/partition_table.h"
 #include "support/qfs_endian.h"
 #include "support/qfs_logging.h"
+#include "support/qfs_random.h"
 
 namespace {
 
 // Master boot record layout.
+constexpr size_t mbr_size = 512;
 constexpr size_t mbr_disk_signature = 440;
 constexpr size_t mbr_first_partition = 446;
 constexpr size_t mbr_signature = 510;
@@ -25,10 +28,6 @@ constexpr uint64_t fat12_max_sectors = 32679;
 constexpr uint64_t fat16_small_max_sectors = 65535;
 constexpr uint64_t fat16_chs_end_limit = 4210048;
 constexpr uint64_t fat32_chs_max_sectors = 16450560; // 1024 cylinders of 255 heads and 63 sectors
-
-} // namespace
-
-namespace {
 
 struct chs_address {
     uint64_t cylinder;
@@ -87,4 +86,17 @@ uint8_t fat_partition_type(uint64_t partition_start, uint64_t partition_count) {
     if (partition_start + partition_count < fat16_chs_end_limit) return 0x06;
     if (partition_count <= fat32_chs_max_sectors) return 0x0B;
     return 0x0C;
+}
+
+qfs_result mbr_write(qfs_device *dev, const tca_param &param, uint32_t partition_start, uint32_t partition_count,
+                     uint8_t partition_type, uint32_t lba_bytes, bool compare_before_write,
+                     format_progress *progress) {
+    uint32_t disk_signature = 0;
+    // A failing generator has logged why and leaves the signature at 0, which a card can live with.
+    (void)qfs_random_serial_number(&disk_signature);
+    uint8_t sector[mbr_size];
+    mbr_build(sector, param, partition_start, partition_count, partition_type, disk_signature);
+    // The zeroed alignment region up to the partition goes out with it.
+    return exfat_format_write_with_padding(dev, 0, mbr_size, sector, static_cast<uint64_t>(partition_start) * lba_bytes,
+                                           0, compare_before_write, 0, progress);
 }

@@ -1,38 +1,8 @@
 #include "layout/partition_table.h"
 
-#include "exfat/util.h"
 #include "support/qfs_logging.h"
 
 namespace {
-
-constexpr size_t mbr_size = 512;
-
-qfs_result refuse_without_boundary_unit(const tca_param *param, const format_monitor *monitor) {
-    if (param->boundary_unit == 0) {
-        format_monitor_error(monitor, "'tca-whole' - Volume is too large for TCA recommendations to apply.");
-        return 22;
-    }
-    return QFS_OK;
-}
-
-// The MBR with the zeroed alignment region up to the partition.
-qfs_result write_mbr(qfs_device *dev, const tca_param *param, uint32_t start, uint32_t count, uint8_t type,
-                     bool compare_before_write, format_progress *progress) {
-    uint32_t disk_signature = 0;
-    // A failing generator leaves the signature at 0.
-    (void)exfat_util_generate_serial_number(&disk_signature);
-    uint8_t sector[mbr_size];
-    mbr_build(sector, *param, start, count, type, disk_signature);
-    const qfs_result r = exfat_format_write_with_padding(dev, 0, mbr_size, sector,
-                                                         static_cast<uint64_t>(start) * mbr_size, 0,
-                                                         compare_before_write, 0, progress);
-    if (r != QFS_OK) {
-        QFS_LOG_ERROR("Error while writing out the Master Boot Record and partition alignment region of the whole "
-                      "device: %lu (%s)",
-                      QFS_ERR_ARGS(r));
-    }
-    return r;
-}
 
 // Announces the step; a row without a boundary unit has no partition to lay out.
 qfs_result begin_partitioning(const tca_param *param, format_progress *progress, const format_monitor *monitor) {
@@ -41,26 +11,78 @@ qfs_result begin_partitioning(const tca_param *param, format_progress *progress,
         progress->message = message;
     }
     format_monitor_info(monitor, "%s", message);
-    return refuse_without_boundary_unit(param, monitor);
+    if (param->boundary_unit == 0) {
+        format_monitor_error(monitor, "'tca-whole' - Volume is too large for TCA recommendations to apply.");
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
+    return QFS_OK;
 }
 
 } // namespace
 
-qfs_result exfat_format_create_tca_partitioning(qfs_device *dev, const tca_param *param,
-                                                uint64_t partition_start_sector, uint64_t partition_sector_count,
-                                                uint64_t device_sector_count, bool compare_before_write,
-                                                format_progress *progress, const format_monitor *monitor) {
-    qfs_result r = begin_partitioning(param, progress, monitor);
+qfs_result partition_table_sectors_per_lba(qfs_device *dev, const tca_param &param, uint64_t partition_start_sector,
+                                           uint64_t partition_sector_count, const format_monitor *monitor,
+                                           uint32_t *out_sectors_per_lba) {
+    uint32_t sector_size = 0;
+    if (qfs_device_get_sector_size(dev, &sector_size) != QFS_OK || sector_size < TCA_SECTOR_SIZE) {
+        sector_size = TCA_SECTOR_SIZE; // an image has no sector size of its own
+    }
+    const uint32_t per_lba = sector_size / TCA_SECTOR_SIZE;
+    if (sector_size % TCA_SECTOR_SIZE != 0 || partition_start_sector % per_lba != 0 ||
+        partition_sector_count % per_lba != 0 || param.boundary_unit % per_lba != 0) {
+        format_monitor_error(monitor,
+                             "Error: The card's partition (start sector %llu, %llu sectors of 512 bytes) cannot be "
+                             "described in this device's sectors of %lu bytes.",
+                             static_cast<unsigned long long>(partition_start_sector),
+                             static_cast<unsigned long long>(partition_sector_count),
+                             static_cast<unsigned long>(sector_size));
+        return QFS_ERR_SYS_INVALID_ARGUMENT;
+    }
+    *out_sectors_per_lba = per_lba;
+    return QFS_OK;
+}
+
+namespace {
+
+// The table written in the device's sectors; failures are left to the caller to name.
+qfs_result write_in_device_sectors(qfs_device *dev, const tca_param &param, partition_table_kind kind,
+                                   uint8_t mbr_type, uint64_t partition_start_sector, uint64_t partition_sector_count,
+                                   bool compare_before_write, format_progress *progress,
+                                   const format_monitor *monitor) {
+    uint32_t per_lba = 1;
+    const qfs_result r =
+        partition_table_sectors_per_lba(dev, param, partition_start_sector, partition_sector_count, monitor, &per_lba);
     if (r != QFS_OK) {
         return r;
     }
-    if (device_sector_count <= TCA_MBR_MAX_SECTORS) {
-        return write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
-                         static_cast<uint32_t>(partition_sector_count), mbr_type_exfat, compare_before_write, progress);
+    // The card rules' numbers divide into the device's sectors.
+    tca_param in_lbas = param;
+    in_lbas.boundary_unit /= per_lba;
+    const uint64_t start = partition_start_sector / per_lba;
+    const uint64_t count = partition_sector_count / per_lba;
+    const uint32_t lba_bytes = per_lba * TCA_SECTOR_SIZE;
+    if (kind == partition_table_kind::mbr) {
+        return mbr_write(dev, in_lbas, static_cast<uint32_t>(start), static_cast<uint32_t>(count), mbr_type,
+                         lba_bytes, compare_before_write, progress);
     }
-    r = exfat_format_partition_gpt(dev, param, partition_start_sector, partition_sector_count, compare_before_write,
-                                   progress, monitor);
-    if (r != QFS_OK) {
+    return gpt_write(dev, in_lbas, start, count, lba_bytes, compare_before_write, progress, monitor);
+}
+
+} // namespace
+
+qfs_result partition_table_write(qfs_device *dev, const tca_param &param, partition_table_kind kind,
+                                 uint8_t mbr_type, uint64_t partition_start_sector, uint64_t partition_sector_count,
+                                 bool compare_before_write, format_progress *progress, const format_monitor *monitor) {
+    const qfs_result r = write_in_device_sectors(dev, param, kind, mbr_type, partition_start_sector,
+                                                 partition_sector_count, compare_before_write, progress, monitor);
+    if (r == QFS_OK) {
+        return r;
+    }
+    if (kind == partition_table_kind::mbr) {
+        QFS_LOG_ERROR("Error while writing out the Master Boot Record and partition alignment region of the "
+                      "whole device: %lu (%s)",
+                      QFS_ERR_ARGS(r));
+    } else {
         QFS_LOG_ERROR("Error while writing out the GUID Partition Table and partition alignment region of the whole "
                       "device: %lu (%s)",
                       QFS_ERR_ARGS(r));
@@ -68,27 +90,48 @@ qfs_result exfat_format_create_tca_partitioning(qfs_device *dev, const tca_param
     return r;
 }
 
+qfs_result exfat_format_create_tca_partitioning(qfs_device *dev, const tca_param *param,
+                                                uint64_t partition_start_sector, uint64_t partition_sector_count,
+                                                uint64_t device_sector_count, bool compare_before_write,
+                                                format_progress *progress, const format_monitor *monitor) {
+    const qfs_result r = begin_partitioning(param, progress, monitor);
+    if (r != QFS_OK) {
+        return r;
+    }
+    const partition_table_kind kind =
+        device_sector_count <= TCA_MBR_MAX_SECTORS ? partition_table_kind::mbr : partition_table_kind::gpt;
+    return partition_table_write(dev, *param, kind, mbr_type_exfat, partition_start_sector, partition_sector_count,
+                                 compare_before_write, progress, monitor);
+}
+
 qfs_result fat_format_create_tca_partitioning(qfs_device *dev, const tca_param *param,
                                               uint64_t partition_start_sector, uint64_t partition_sector_count,
                                               uint64_t device_sector_count, bool compare_before_write,
                                               format_progress *progress, const format_monitor *monitor) {
-    qfs_result r = begin_partitioning(param, progress, monitor);
+    const qfs_result r = begin_partitioning(param, progress, monitor);
     if (r != QFS_OK) {
         return r;
     }
     const bool start_fits = partition_start_sector <= UINT32_MAX;
     const bool count_fits = partition_sector_count <= UINT32_MAX;
     if (start_fits && count_fits) {
-        return write_mbr(dev, param, static_cast<uint32_t>(partition_start_sector),
-                         static_cast<uint32_t>(partition_sector_count),
-                         fat_partition_type(partition_start_sector, partition_sector_count), compare_before_write,
-                         progress);
+        return partition_table_write(dev, *param, partition_table_kind::mbr,
+                                     fat_partition_type(partition_start_sector, partition_sector_count),
+                                     partition_start_sector, partition_sector_count, compare_before_write, progress,
+                                     monitor);
     }
     if (device_sector_count <= TCA_MBR_MAX_SECTORS) {
         QFS_LOG_CRITICAL("Internal error: Device size is inconsistent with partition start sector or sector count");
-        return 6;
+        return QFS_ERR_SYS_INTERNAL;
     }
     format_monitor_error(monitor, "Error: Specified %s is out of bounds for MBR partitioning.",
                          start_fits ? "sector count" : "start sector");
-    return 22;
+    return QFS_ERR_SYS_INVALID_ARGUMENT;
+}
+
+qfs_result exfat_format_partition_gpt(qfs_device *dev, const tca_param *param, uint64_t partition_start_sector,
+                                      uint64_t partition_sector_count, bool compare_before_write,
+                                      format_progress *progress, const format_monitor *monitor) {
+    return write_in_device_sectors(dev, *param, partition_table_kind::gpt, 0, partition_start_sector,
+                                   partition_sector_count, compare_before_write, progress, monitor);
 }

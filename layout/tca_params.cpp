@@ -1,6 +1,5 @@
 #include "layout/tca_params.h"
 
-#include <cerrno>
 #include <iterator>
 
 #include "layout/tca_tna_layout.h"
@@ -163,7 +162,7 @@ qfs_result select_row(const char *function, const tca_param *table, size_t count
                                           "large for Tarn recommendations to apply.",
                                           mode_word(tca_whole), static_cast<unsigned long long>(n), "");
             }
-            return EINVAL;
+            return QFS_ERR_SYS_INVALID_ARGUMENT;
         }
         // Relaxed: the next larger class whose range covers the card takes it.
         QFS_TRACE("No match for parameter %zu / %zu because it's out-of-spec.", number, count);
@@ -173,7 +172,7 @@ qfs_result select_row(const char *function, const tca_param *table, size_t count
             format_monitor_error_from(monitor, function,
                                       "'tca-%s' - Volume is too large for TCA recommendations to apply.",
                                       mode_word(tca_whole));
-            return EINVAL;
+            return QFS_ERR_SYS_INVALID_ARGUMENT;
         }
         match.row = &table[count - 1];
     }

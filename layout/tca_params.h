@@ -31,12 +31,12 @@ extern const size_t exfat_tca_params_count;
 extern const tca_param fat_tca_params[];
 extern const size_t fat_tca_params_count;
 
-qfs_result exfat_format_get_tca_param(uint64_t sector_count, tca_param *out_param,
-                                      uint64_t *out_partition_start_sector,
-                                      uint64_t *out_partition_sector_count, bool tca_whole, bool tca_relax,
-                                      const format_monitor *monitor);
+[[nodiscard]] qfs_result exfat_format_get_tca_param(uint64_t sector_count, tca_param *out_param,
+                                                    uint64_t *out_partition_start_sector,
+                                                    uint64_t *out_partition_sector_count, bool tca_whole,
+                                                    bool tca_relax, const format_monitor *monitor);
 
-qfs_result fat_format_get_tca_param(uint64_t sector_count, tca_param *out_param, uint8_t *out_fat_type,
-                                    uint64_t *out_partition_start_sector,
-                                    uint64_t *out_partition_sector_count, bool tca_whole, bool tca_relax,
-                                    bool align_to_cylinder, const format_monitor *monitor);
+[[nodiscard]] qfs_result fat_format_get_tca_param(uint64_t sector_count, tca_param *out_param, uint8_t *out_fat_type,
+                                                  uint64_t *out_partition_start_sector,
+                                                  uint64_t *out_partition_sector_count, bool tca_whole, bool tca_relax,
+                                                  bool align_to_cylinder, const format_monitor *monitor);

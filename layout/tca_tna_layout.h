@@ -13,5 +13,5 @@
 // reserved sector, a 512-entry root directory and two FATs; the start is
 // chosen so that the data area begins on a boundary unit at least one unit
 // into the card. Gives FAT12 when the clusters fit, else FAT16.
-qfs_result tca_tna_layout_compute(const tca_param *row, uint64_t sector_count, bool strict,
-                                  uint8_t *out_fat_type, uint64_t *out_partition_start_sector);
+[[nodiscard]] qfs_result tca_tna_layout_compute(const tca_param *row, uint64_t sector_count, bool strict,
+                                                uint8_t *out_fat_type, uint64_t *out_partition_start_sector);

@@ -67,3 +67,8 @@ qfs_result qfs_errno_result(int error_number) {
 qfs_result qfs_errno_result() {
     return qfs_errno_result(errno);
 }
+
+static_assert(QFS_ERR_SYS_NO_ENTRY == ENOENT && QFS_ERR_SYS_IO == EIO && QFS_ERR_SYS_INTERNAL == ENXIO &&
+              QFS_ERR_SYS_NO_MEMORY == ENOMEM && QFS_ERR_SYS_BUSY == EBUSY && QFS_ERR_SYS_INVALID_ARGUMENT == EINVAL &&
+              QFS_ERR_SYS_NOT_TTY == ENOTTY && QFS_ERR_SYS_TOO_LARGE == EFBIG && QFS_ERR_SYS_NO_SPACE == ENOSPC &&
+              QFS_ERR_SYS_ILLEGAL_BYTE_SEQUENCE == EILSEQ);

@@ -27,6 +27,20 @@ inline constexpr qfs_result QFS_ERR_UNSUPPORTED_FEATURE = 0x7FFFFFF2;
 inline constexpr qfs_result QFS_ERR_DEVICE_BUSY = 0x7FFFFFF1;
 inline constexpr qfs_result QFS_ERR_INVALID_DATA = 0x7FFFFFF0;
 
+// Platform error numbers that the library itself returns, by name. They
+// are Linux's errno values, so a code from a failed system call compares
+// equal to the same name.
+inline constexpr qfs_result QFS_ERR_SYS_NO_ENTRY = 2;          // ENOENT
+inline constexpr qfs_result QFS_ERR_SYS_IO = 5;                // EIO: an I/O failure or a short transfer
+inline constexpr qfs_result QFS_ERR_SYS_INTERNAL = 6;          // ENXIO, which the engines report as "internal error"
+inline constexpr qfs_result QFS_ERR_SYS_NO_MEMORY = 12;        // ENOMEM
+inline constexpr qfs_result QFS_ERR_SYS_BUSY = 16;             // EBUSY
+inline constexpr qfs_result QFS_ERR_SYS_INVALID_ARGUMENT = 22; // EINVAL
+inline constexpr qfs_result QFS_ERR_SYS_NOT_TTY = 25;          // ENOTTY: a device request that an image file does not take
+inline constexpr qfs_result QFS_ERR_SYS_TOO_LARGE = 27;        // EFBIG
+inline constexpr qfs_result QFS_ERR_SYS_NO_SPACE = 28;         // ENOSPC
+inline constexpr qfs_result QFS_ERR_SYS_ILLEGAL_BYTE_SEQUENCE = 84; // EILSEQ: text a code page cannot carry back
+
 // A platform call failed but left errno at 0.
 inline constexpr qfs_result QFS_ERR_NO_ERRNO = 0x7FFFFFFF;
 
@@ -41,8 +55,8 @@ unsigned long qfs_error_printable(qfs_result result);
 const char *qfs_error_text(qfs_result result);
 
 // The result for a failed platform call: errno, or QFS_ERR_NO_ERRNO when errno is 0.
-qfs_result qfs_errno_result();
-qfs_result qfs_errno_result(int error_number);
+[[nodiscard]] qfs_result qfs_errno_result();
+[[nodiscard]] qfs_result qfs_errno_result(int error_number);
 
 // Arguments for the "%lu (%s)" pair that ends every failure message.
 #define QFS_ERR_ARGS(result) qfs_error_printable(result), qfs_error_text(result)

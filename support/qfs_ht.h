@@ -36,21 +36,21 @@ struct qfs_ht {
 };
 
 // Bits below 5 become 5; above 31 fail with QFS_ERR_OVERFLOW.
-qfs_result qfs_ht_create(uint8_t bits, uint8_t key_size, uint8_t hash_word_offset, uint8_t value_size,
-                         qfs_ht **out);
+[[nodiscard]] qfs_result qfs_ht_create(uint8_t bits, uint8_t key_size, uint8_t hash_word_offset, uint8_t value_size,
+                                       qfs_ht **out);
 // The stored value (the stored key for a set), or null.
 void *qfs_ht_get(const qfs_ht *table, const void *key);
 // QFS_ERR_INTERNAL_ERROR when the key is already present.
-qfs_result qfs_ht_insert(qfs_ht *table, const void *key, const void *value);
+[[nodiscard]] qfs_result qfs_ht_insert(qfs_ht *table, const void *key, const void *value);
 // QFS_ERR_INTERNAL_ERROR when the key is absent. Never resizes.
-qfs_result qfs_ht_remove(qfs_ht *table, const void *key);
+[[nodiscard]] qfs_result qfs_ht_remove(qfs_ht *table, const void *key);
 // Calls back for every occupied slot in slot order (value null for a set);
 // stops at and returns the first non-zero answer.
-qfs_result qfs_ht_for_each(qfs_ht *table, void *context,
-                           int (*callback)(void *context, const void *key, void *value));
+[[nodiscard]] qfs_result qfs_ht_for_each(qfs_ht *table, void *context,
+                                         int (*callback)(void *context, const void *key, void *value));
 // The used counter: occupied slots plus tombstones.
 uint32_t qfs_ht_count(const qfs_ht *table);
-qfs_result qfs_ht_destroy(qfs_ht **table);
+[[nodiscard]] qfs_result qfs_ht_destroy(qfs_ht **table);
 
 // State of one slot (a qfs_ht_slot value); lets callers and tests see chains.
 uint8_t qfs_ht_slot_state(const qfs_ht *table, uint32_t slot);

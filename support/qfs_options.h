@@ -38,7 +38,7 @@ struct qfs_uint_list {
 int qfs_options_parse(int argc, char **argv, const qfs_option *options, size_t option_count);
 
 // Parses the comma-separated list in argv[value_index].
-qfs_result qfs_options_parse_list_input(char **argv, int value_index, qfs_uint_list *out_list);
+[[nodiscard]] qfs_result qfs_options_parse_list_input(char **argv, int value_index, qfs_uint_list *out_list);
 
 // "usage: <program> [-l <volume label>] ... <device>" and a newline.
 void qfs_options_print_usage(FILE *stream, const char *program_path, const qfs_option *options,

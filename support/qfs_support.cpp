@@ -1,8 +1,6 @@
 #include "support/qfs_support.h"
 
-#include <fcntl.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -72,35 +70,6 @@ unsigned qfs_bit_length(uint64_t value) {
         value >>= 1;
     }
     return bits;
-}
-
-namespace {
-uint64_t random_draw() {
-    uint64_t value = 0;
-    const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        const ssize_t got = read(fd, &value, sizeof(value));
-        close(fd);
-        if (got == static_cast<ssize_t>(sizeof(value))) {
-            return value;
-        }
-    }
-    return static_cast<uint64_t>(random());
-}
-} // namespace
-
-qfs_result qfs_random_at_most(uint64_t maximum, uint64_t *out_value) {
-    const unsigned bits = qfs_bit_length(maximum);
-    for (;;) {
-        uint64_t value = random_draw();
-        if (maximum < (UINT64_C(1) << 60)) {
-            value &= bits == 0 ? 0 : (~UINT64_C(0) >> (64 - bits));
-        }
-        if (value <= maximum) {
-            *out_value = value;
-            return QFS_OK;
-        }
-    }
 }
 
 qfs_result qfs_get_current_time(qfs_time *out_time) {

@@ -104,59 +104,53 @@ constexpr uint16_t low_surrogate_base = 0xDC00;
 bool is_high_surrogate(uint16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool is_low_surrogate(uint16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
-} // namespace
-
-qfs_result qfs_unistr_from_utf8(const char *utf8, size_t utf8_length, uint16_t **inout_utf16,
-                                size_t *inout_length) {
-    if (inout_utf16 == nullptr) {
-        QFS_LOG_ERROR("No place for the UTF-16 result: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_INVALID_PARAMETER));
-        return QFS_ERR_INVALID_PARAMETER;
-    }
-    const bool preallocated = *inout_utf16 != nullptr;
-    if (preallocated && inout_length == nullptr) {
-        QFS_LOG_ERROR("Preallocated 'outs', but no 'outs_len' specified. *outs=%p outs_len=%p",
-                      static_cast<void *>(*inout_utf16), static_cast<void *>(inout_length));
-        return QFS_ERR_INVALID_PARAMETER;
-    }
+// The number of UTF-16 units the text needs.
+qfs_result count_utf16_units(const char *utf8, size_t utf8_length, size_t *out_units) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(utf8);
-    if (bytes == nullptr) {
-        utf8_length = 0;
-    }
-
     size_t shorts = 0;
-    qfs_result r = utf8_walk(bytes, utf8_length, [&](uint32_t wc) { shorts += wc >= first_supplementary ? 2 : 1; });
+    const qfs_result r =
+        utf8_walk(bytes, utf8_length, [&](uint32_t wc) { shorts += wc >= first_supplementary ? 2 : 1; });
     if (r != QFS_OK) {
         const int shown = utf8_length > INT_MAX ? INT_MAX : static_cast<int>(utf8_length);
         QFS_LOG_ERROR("Error while getting UTF-16 size for %zu-byte UTF-8 string \"%.*s\": %lu (%s)", utf8_length,
                       shown, bytes ? utf8 : "", QFS_ERR_ARGS(r));
         return r;
     }
+    *out_units = shorts;
+    return QFS_OK;
+}
 
-    qfs_unique<uint16_t[]> allocated;
-    uint16_t *units = *inout_utf16;
-    size_t capacity = 0;
-    if (preallocated) {
-        capacity = *inout_length;
-        if (capacity < shorts) {
+// The caller's buffer when it brought one, else a new one with room for a terminator.
+qfs_result utf16_destination(uint16_t *preallocated, size_t preallocated_length, size_t shorts,
+                             qfs_unique<uint16_t[]> &allocated, uint16_t **out_units, size_t *out_capacity) {
+    if (preallocated != nullptr) {
+        if (preallocated_length < shorts) {
             QFS_LOG_ERROR("Preallocated buffer is too small to hold the UTF-16 result. *outs_len (%zu) < shorts (%zu)",
-                          capacity, shorts);
+                          preallocated_length, shorts);
             return QFS_ERR_OVERFLOW;
         }
-    } else {
-        capacity = shorts + 1;
-        const size_t size = capacity * sizeof(uint16_t);
-        void *block = nullptr;
-        r = _qfs_malloc(0, size, &block);
-        if (r != QFS_OK) {
-            QFS_LOG_ERROR("Error while allocating %zu bytes for UTF-16 result: %lu (%s)", size, QFS_ERR_ARGS(r));
-            return r;
-        }
-        allocated.reset(static_cast<uint16_t *>(block));
-        units = allocated.get();
+        *out_units = preallocated;
+        *out_capacity = preallocated_length;
+        return QFS_OK;
     }
+    const size_t capacity = shorts + 1;
+    const size_t size = capacity * sizeof(uint16_t);
+    void *block = nullptr;
+    const qfs_result r = _qfs_malloc(0, size, &block);
+    if (r != QFS_OK) {
+        QFS_LOG_ERROR("Error while allocating %zu bytes for UTF-16 result: %lu (%s)", size, QFS_ERR_ARGS(r));
+        return r;
+    }
+    allocated.reset(static_cast<uint16_t *>(block));
+    *out_units = allocated.get();
+    *out_capacity = capacity;
+    return QFS_OK;
+}
 
+// Writes the text's `shorts` units, and a terminator when there is room for one.
+qfs_result encode_utf16(const uint8_t *bytes, size_t utf8_length, uint16_t *units, size_t capacity, size_t shorts) {
     size_t filled = 0;
-    r = utf8_walk(bytes, utf8_length, [&](uint32_t wc) {
+    qfs_result r = utf8_walk(bytes, utf8_length, [&](uint32_t wc) {
         if (filled >= capacity) {
             return; // cannot happen after the sizing pass; the count check below reports it
         }
@@ -177,17 +171,50 @@ qfs_result qfs_unistr_from_utf8(const char *utf8, size_t utf8_length, uint16_t *
         QFS_LOG_CRITICAL("Internal error - Filled length is not as expected. Expected: %zu Actual: %zd", shorts,
                          static_cast<ssize_t>(filled));
     }
+    if (r == QFS_OK && filled < capacity) {
+        units[filled] = 0;
+    }
+    return r;
+}
+
+} // namespace
+
+qfs_result qfs_unistr_from_utf8(const char *utf8, size_t utf8_length, uint16_t **inout_utf16,
+                                size_t *inout_length) {
+    if (inout_utf16 == nullptr) {
+        QFS_LOG_ERROR("No place for the UTF-16 result: %lu (%s)", QFS_ERR_ARGS(QFS_ERR_INVALID_PARAMETER));
+        return QFS_ERR_INVALID_PARAMETER;
+    }
+    const bool preallocated = *inout_utf16 != nullptr;
+    if (preallocated && inout_length == nullptr) {
+        QFS_LOG_ERROR("Preallocated 'outs', but no 'outs_len' specified. *outs=%p outs_len=%p",
+                      static_cast<void *>(*inout_utf16), static_cast<void *>(inout_length));
+        return QFS_ERR_INVALID_PARAMETER;
+    }
+    if (utf8 == nullptr) {
+        utf8_length = 0;
+    }
+    size_t shorts = 0;
+    qfs_result r = count_utf16_units(utf8, utf8_length, &shorts);
     if (r != QFS_OK) {
         return r;
     }
-    if (filled < capacity) {
-        units[filled] = 0;
+    qfs_unique<uint16_t[]> allocated;
+    uint16_t *units = nullptr;
+    size_t capacity = 0;
+    r = utf16_destination(*inout_utf16, preallocated ? *inout_length : 0, shorts, allocated, &units, &capacity);
+    if (r != QFS_OK) {
+        return r;
+    }
+    r = encode_utf16(reinterpret_cast<const uint8_t *>(utf8), utf8_length, units, capacity, shorts);
+    if (r != QFS_OK) {
+        return r;
     }
     if (!preallocated) {
         *inout_utf16 = allocated.release();
     }
     if (inout_length != nullptr) {
-        *inout_length = filled;
+        *inout_length = shorts;
     }
     return QFS_OK;
 }

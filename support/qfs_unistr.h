@@ -23,14 +23,14 @@ inline constexpr uint16_t QFS_UNISTR_RAW_BYTE_BASE = 0xF300;
 // allocating). Invalid UTF-8 (overlong forms, encoded surrogates, values above
 // U+10FFFF, truncated sequences, stray continuation bytes, bytes 0xF5-0xFF) is
 // refused with QFS_ERR_INVALID_DATA.
-qfs_result qfs_unistr_from_utf8(const char *utf8, size_t utf8_length, uint16_t **inout_utf16,
-                                size_t *inout_length);
+[[nodiscard]] qfs_result qfs_unistr_from_utf8(const char *utf8, size_t utf8_length, uint16_t **inout_utf16,
+                                              size_t *inout_length);
 
 // UTF-16 to UTF-8, allocating a NUL-terminated result (free with qfs_free).
 // Conversion stops at a zero unit or after `length` units. An unpaired
 // surrogate is refused with QFS_ERR_INVALID_DATA. out_length (optional)
 // receives the byte count without the NUL.
-qfs_result qfs_unistr_to_utf8(const uint16_t *utf16, size_t length, char **out_utf8, size_t *out_length);
+[[nodiscard]] qfs_result qfs_unistr_to_utf8(const uint16_t *utf16, size_t length, char **out_utf8, size_t *out_length);
 
 // Whether `codepage` is one of the 20 supported OEM code pages. 0 is not a
 // code page; callers map it to 437 first.
@@ -64,14 +64,14 @@ uint8_t *qfs_unistr_to_codepage(uint32_t codepage, const uint16_t *text, size_t 
 // (free with qfs_free, zero-terminated) and *out_count. An unknown code page
 // fails with QFS_ERR_INVALID_PARAMETER, an unmappable byte with
 // QFS_ERR_INVALID_DATA; on failure nothing is handed out.
-qfs_result qfs_unistr_from_codepage(uint32_t codepage, int use_graphics, const uint8_t *bytes,
-                                    size_t byte_count, const uint16_t *replacement, uint16_t **out_text,
-                                    size_t *out_count);
+[[nodiscard]] qfs_result qfs_unistr_from_codepage(uint32_t codepage, int use_graphics, const uint8_t *bytes,
+                                                  size_t byte_count, const uint16_t *replacement, uint16_t **out_text,
+                                                  size_t *out_count);
 
 // Allocating form of qfs_unistr_to_codepage: on success *out_bytes (free with
 // qfs_free, zero-terminated) and *out_count. An unknown code page fails with
 // QFS_ERR_INVALID_PARAMETER, an unmappable unit with QFS_ERR_INVALID_DATA; on
 // failure nothing is handed out.
-qfs_result qfs_unistr_to_codepage_alloc(uint32_t codepage, const uint16_t *text, size_t count,
-                                        const uint8_t *replacement, int use_graphics, uint8_t **out_bytes,
-                                        size_t *out_count);
+[[nodiscard]] qfs_result qfs_unistr_to_codepage_alloc(uint32_t codepage, const uint16_t *text, size_t count,
+                                                      const uint8_t *replacement, int use_graphics, uint8_t **out_bytes,
+                                                      size_t *out_count);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "support/qfs_logging.h"
+#include "support/qfs_random.h"
 #include "support/qfs_support.h"
 
 namespace {

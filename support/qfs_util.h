@@ -21,18 +21,18 @@ inline constexpr int QFS_XUID_VARIANT_MICROSOFT = 2; // 110xxxxx, GPT GUIDs
 // Parses the text form. With `guid_order` set the first three groups are
 // stored little-endian as GPT and exFAT keep them; otherwise every byte is
 // stored in text order. The separator positions are not examined.
-qfs_result qfs_util_parse_xuid(const char *text, int guid_order, uint8_t out[QFS_XUID_SIZE]);
+[[nodiscard]] qfs_result qfs_util_parse_xuid(const char *text, int guid_order, uint8_t out[QFS_XUID_SIZE]);
 
 // A random version-4 identifier of the given variant.
-qfs_result qfs_util_generate_xuid(int variant, uint8_t out[QFS_XUID_SIZE]);
+[[nodiscard]] qfs_result qfs_util_generate_xuid(int variant, uint8_t out[QFS_XUID_SIZE]);
 // Random identifiers for GPT disks and partitions, and RFC 4122 UUIDs.
-qfs_result qfs_util_generate_guid(uint8_t out[QFS_XUID_SIZE]);
-qfs_result qfs_util_generate_uuid(uint8_t out[QFS_XUID_SIZE]);
+[[nodiscard]] qfs_result qfs_util_generate_guid(uint8_t out[QFS_XUID_SIZE]);
+[[nodiscard]] qfs_result qfs_util_generate_uuid(uint8_t out[QFS_XUID_SIZE]);
 
 // The text form with upper-case digits, as partitioning tools print GUIDs,
 // read in GUID or UUID byte order.
-qfs_result qfs_util_format_guid(const uint8_t id[QFS_XUID_SIZE], char out[QFS_XUID_TEXT_SIZE]);
-qfs_result qfs_util_format_uuid(const uint8_t id[QFS_XUID_SIZE], char out[QFS_XUID_TEXT_SIZE]);
+[[nodiscard]] qfs_result qfs_util_format_guid(const uint8_t id[QFS_XUID_SIZE], char out[QFS_XUID_TEXT_SIZE]);
+[[nodiscard]] qfs_result qfs_util_format_uuid(const uint8_t id[QFS_XUID_SIZE], char out[QFS_XUID_TEXT_SIZE]);
 
 // Takes the next element of a POSIX path: the text from *inout_path up to the
 // first '/' within *inout_path_size bytes (or all of them). On success the
@@ -41,5 +41,5 @@ qfs_result qfs_util_format_uuid(const uint8_t id[QFS_XUID_SIZE], char out[QFS_XU
 // When `inout_element_length` is given it holds the capacity of
 // `out_element` on entry and the element's length on return: in bytes, or
 // with `encode` set in UTF-16LE units (`out_element` is then a uint16_t buffer).
-qfs_result qfs_util_next_posix_path_element(const char **inout_path, size_t *inout_path_size, int encode,
-                                            void *out_element, size_t *inout_element_length);
+[[nodiscard]] qfs_result qfs_util_next_posix_path_element(const char **inout_path, size_t *inout_path_size, int encode,
+                                                          void *out_element, size_t *inout_element_length);

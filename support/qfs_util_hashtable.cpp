@@ -432,7 +432,8 @@ qfs_result qfs_util_hashtable_autoexpand(qfs_util_hashtable *table) {
         return qfs_util_hashtable_insert_raw(bigger, key, value);
     });
     if (r != QFS_OK) {
-        qfs_util_hashtable_destroy(&bigger);
+        // The half-filled copy only holds memory; the insert's failure is what the caller hears.
+        (void)qfs_util_hashtable_destroy(&bigger);
         return r;
     }
     // The items now live in the bigger arrays; only the old containers go.

@@ -26,12 +26,12 @@ struct qfs_util_hashtable {
 };
 
 // Keys above 8 bytes must be a multiple of 8 bytes. A value size of 0 makes a set.
-qfs_result qfs_util_hashtable_create(uint64_t capacity, size_t key_size, size_t value_size,
-                                     void (*destructor)(void *value), qfs_util_hashtable **out);
+[[nodiscard]] qfs_result qfs_util_hashtable_create(uint64_t capacity, size_t key_size, size_t value_size,
+                                                   void (*destructor)(void *value), qfs_util_hashtable **out);
 // Expands first when half full. Does not look for an equal key: inserting a
 // key twice stores it twice.
-qfs_result qfs_util_hashtable_insert(qfs_util_hashtable *table, const void *key, size_t key_size,
-                                     const void *value, size_t value_size);
+[[nodiscard]] qfs_result qfs_util_hashtable_insert(qfs_util_hashtable *table, const void *key, size_t key_size,
+                                                   const void *value, size_t value_size);
 // 1 with the value copied out, or 0 (also for sizes that do not match the table).
 int qfs_util_hashtable_get(const qfs_util_hashtable *table, const void *key, size_t key_size, void *out_value,
                            size_t value_size);
@@ -41,14 +41,14 @@ int qfs_util_hashtable_remove(qfs_util_hashtable *table, const void *key, size_t
 uint64_t qfs_util_hashtable_count(const qfs_util_hashtable *table);
 // Visits every item, inline and in buckets (value null without values);
 // stops at and returns the first non-zero answer.
-qfs_result qfs_util_hashtable_for_each(qfs_util_hashtable *table, void *context,
-                                       int (*callback)(void *context, const void *key, void *value));
+[[nodiscard]] qfs_result qfs_util_hashtable_for_each(qfs_util_hashtable *table, void *context,
+                                                     int (*callback)(void *context, const void *key, void *value));
 // Calls the destructor on every value, then frees the table.
-qfs_result qfs_util_hashtable_destroy(qfs_util_hashtable **table);
+[[nodiscard]] qfs_result qfs_util_hashtable_destroy(qfs_util_hashtable **table);
 
 // Doubles the capacity when count >= capacity / 2; otherwise does nothing.
-qfs_result qfs_util_hashtable_autoexpand(qfs_util_hashtable *table);
+[[nodiscard]] qfs_result qfs_util_hashtable_autoexpand(qfs_util_hashtable *table);
 // Inserts with the table's own key and value sizes, without expanding.
-qfs_result qfs_util_hashtable_insert_raw(qfs_util_hashtable *table, const void *key, const void *value);
+[[nodiscard]] qfs_result qfs_util_hashtable_insert_raw(qfs_util_hashtable *table, const void *key, const void *value);
 // 1 when removed, 0 when absent.
 int qfs_util_hashtable_remove_raw(qfs_util_hashtable *table, const void *key);

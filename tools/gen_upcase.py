@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes exfat/upcase_default_table.cpp from the compressed up-case table.
+"""Writes support/qfs_upcase_default_table.cpp from the compressed up-case table.
 
 The input is the recommended exFAT up-case table in its compressed on-disk
 form (tools/data/exfat-upcase-compressed.bin). The script refuses input whose
@@ -14,7 +14,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SOURCE = ROOT / "tools" / "data" / "exfat-upcase-compressed.bin"
-OUTPUT = ROOT / "exfat" / "upcase_default_table.cpp"
+OUTPUT = ROOT / "support" / "qfs_upcase_default_table.cpp"
 
 EXPECTED_SIZE = 5836
 EXPECTED_CHECKSUM = 0xE619D30D
@@ -71,9 +71,9 @@ def main():
         "// that the next n characters are their own capitals. %d entries, checksum"
         % len(entries),
         "// 0x%08X." % EXPECTED_CHECKSUM,
-        '#include "exfat/upcase_default_table.h"',
+        '#include "support/qfs_upcase_default_table.h"',
         "",
-        "constexpr uint8_t exfat_upcase_default_compressed_table[exfat_upcase_default_compressed_size] = {",
+        "constexpr uint8_t qfs_upcase_default_compressed_table[qfs_upcase_default_compressed_size] = {",
     ]
     for comment, row in rows(entries):
         out.append("    // " + comment)

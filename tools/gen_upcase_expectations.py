@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes tests/exfat/upcase_unicode_capitals.h, the up-case test's oracle.
+"""Writes tests/support/upcase_unicode_capitals.h, the up-case test's oracle.
 
 A one-off: it lists the capital that Python's str.upper() gives for every
 character of the ASCII, Latin-1, Latin Extended-A, Greek and Coptic, and
@@ -23,7 +23,7 @@ import sys
 import unicodedata
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-OUTPUT = ROOT / "tests" / "exfat" / "upcase_unicode_capitals.h"
+OUTPUT = ROOT / "tests" / "support" / "upcase_unicode_capitals.h"
 
 BLOCKS = [
     (0x0000, 0x007F, "ASCII"),

@@ -23,10 +23,12 @@ inline const std::string about_text =
     "Authors:\n"
     "    Quorvex Inc. Storage Software Team\n";
 
-// What the FAT run answers in this build. A run that ends in it has passed
-// every device check; the FAT engine is not part of the build yet.
-inline const std::string fat_not_available =
-    "[ERROR] FAT formatting (cards of up to 66945024 sectors) is not available in this version: "
-    "5 (QFS_ERR_NOT_IMPLEMENTED)\n";
+// A run past the device checks on a read-only loop device of a small card:
+// the kernel refuses the FAT run's first write.
+inline const std::string write_refused =
+    "ERROR: Error while writing 1048576 bytes of padding to offset 0: 1 (Operation not permitted)\n"
+    "ERROR: Error filling leading part of device with zeroes: 1 (Operation not permitted)\n"
+    "ERROR: Error while writing volume structures: 1 (Operation not permitted)\n"
+    "Formatting failed!\n";
 
 } // namespace qfs_test

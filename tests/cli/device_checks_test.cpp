@@ -25,10 +25,10 @@
 namespace {
 
 using qfs_test::banner;
-using qfs_test::fat_not_available;
 
 // 32768 sectors of 512 bytes: a "Tarn" card, so a run past the checks takes the FAT path.
 constexpr uint64_t card_size = 16 << 20;
+using qfs_test::write_refused;
 // The sfdisk script of a partitioned card: one partition at sector 2048, 8192 sectors long.
 constexpr const char *partition_script = "start=2048, size=8192, type=83\n";
 
@@ -43,16 +43,6 @@ std::string busy_refusal(const std::string &path) {
 std::string partition_refusal(const std::string &path) {
     return "[ERROR] Device '" + path +
            "' seems to be a partition. This tool should only be run on top-level block devices.\n";
-}
-
-// True when an exclusive open fails with EBUSY: someone, maybe the kernel, holds the device.
-bool held_exclusively(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_EXCL);
-    if (fd >= 0) {
-        close(fd);
-        return false;
-    }
-    return errno == EBUSY;
 }
 
 class DeviceChecks : public testing::Test {
@@ -102,7 +92,7 @@ TEST_F(DeviceChecks, MountedDeviceIsRefusedUnlessForced) {
         loop->mount(device, dir_.file("mnt"), "ro");
         // A mount holds its block device exclusively: this device is mounted and busy at
         // once, and the refusal names only the mount.
-        ASSERT_TRUE(held_exclusively(device));
+        ASSERT_TRUE(qfs_test::held_exclusively(device));
 
         expect_refusal(device, image, mounted_refusal(device), 22 /* EINVAL */);
 
@@ -110,10 +100,16 @@ TEST_F(DeviceChecks, MountedDeviceIsRefusedUnlessForced) {
         EXPECT_EQ(forced.exit_status, 1);
         EXPECT_EQ(forced.out, "");
         EXPECT_EQ(forced.err,
-                  banner + "Warning: " + device + " is mounted.\nformat_tarn is forced anyway.\n" + fat_not_available);
+                  banner + "Warning: " + device + " is mounted.\nformat_tarn is forced anyway.\n" + write_refused);
+
+        // The image behind the loop device holds the mounted file system just as much.
+        expect_refusal(image, image, mounted_refusal(image), 22 /* EINVAL */);
+        EXPECT_EQ(qfs_test::image_fingerprint(image), before) << "not a byte of the file system changed";
+        const auto forced_image = qfs_test::run_tool({"-f", image});
+        EXPECT_EQ(forced_image.err.rfind(banner + "Warning: " + image + " is mounted.\nformat_tarn is forced anyway.\n", 0),
+                  0u)
+            << forced_image.err;
     }
-    // Unmounted and detached: not a byte of the file system changed.
-    EXPECT_EQ(qfs_test::image_fingerprint(image), before);
 }
 
 TEST_F(DeviceChecks, DeviceHeldByAnotherProcessIsRefusedAsBusy) {
@@ -140,10 +136,12 @@ TEST_F(DeviceChecks, CardWithAMountedPartitionIsBusyAndItsPartitionMounted) {
     loop->mount(loop->partition(1), dir_.file("mnt"), "ro");
     // The mount table names the partition, not the card, but the kernel counts a
     // claimed partition as a claim on its whole disk.
-    ASSERT_TRUE(held_exclusively(loop->path()));
+    ASSERT_TRUE(qfs_test::held_exclusively(loop->path()));
 
     expect_refusal(loop->path(), image, busy_refusal(loop->path()), 16 /* EBUSY */);
     expect_refusal(loop->partition(1), image, mounted_refusal(loop->partition(1)), 22 /* EINVAL */);
+    // The image behind the loop device is as busy as the loop device.
+    expect_refusal(image, image, busy_refusal(image), 16 /* EBUSY */);
 }
 
 TEST_F(DeviceChecks, PartitionIsRefusedAndTheWholeDeviceIsNot) {
@@ -159,7 +157,7 @@ TEST_F(DeviceChecks, PartitionIsRefusedAndTheWholeDeviceIsNot) {
     static_assert(QFS_ERR_INVALID_PARAMETER == 0x7FFFFFFF - 3);
     expect_refusal(loop->partition(1), image, partition_refusal(loop->partition(1)), QFS_ERR_INVALID_PARAMETER);
 
-    // The whole device has no start entry in sysfs; the run goes on to the FAT run.
+    // The whole device has no start entry in sysfs; the run goes on to the FAT run and its first write.
     struct stat info = {};
     ASSERT_EQ(stat(loop->path().c_str(), &info), 0);
     const std::string entry = "/sys/dev/block/" + std::to_string(major(info.st_rdev)) + ":" +
@@ -170,7 +168,7 @@ TEST_F(DeviceChecks, PartitionIsRefusedAndTheWholeDeviceIsNot) {
     const auto whole = qfs_test::run_tool({loop->path()});
     EXPECT_EQ(whole.exit_status, 1);
     EXPECT_EQ(whole.out, "");
-    EXPECT_EQ(whole.err, banner + fat_not_available);
+    EXPECT_EQ(whole.err, banner + write_refused);
     EXPECT_EQ(qfs_test::image_fingerprint(image), before);
 }
 

@@ -12,7 +12,6 @@
 namespace {
 
 using qfs_test::banner;
-using qfs_test::fat_not_available;
 
 // Largest card of the "TNB" class, the last one that gets FAT: 34275852288 bytes.
 constexpr uint64_t largest_fat_sectors = 66945024;
@@ -45,9 +44,14 @@ TEST_P(ImageSize, ChoosesTheRunAndLeavesTheImageAsItWas) {
 }
 
 const size_case size_cases[] = {
-    // 1000 bytes: one whole sector of 512 bytes, far below the exFAT threshold.
-    {"ThousandBytes", 1000, fat_not_available},
-    {"LargestFatCard", largest_fat_sectors * 512, fat_not_available},
+    // 1000 bytes: one whole sector of 512 bytes, far below the exFAT threshold. The card rules
+    // take the 33 sectors of their smallest layout off that one sector; the count wraps around.
+    // (The largest FAT card itself formats: see fat_cards_test.cpp.)
+    {"ThousandBytes", 1000,
+     "ERROR: Volume size is too big to be formatted as FAT16\n\t(Max cluster limit: 65525, Calculated: "
+     "2250700302057483).\n\tPlease try by reducing volume size or by\n\tincreasing sectors per cluster value.\n"
+     "ERROR: Number of clusters are not enough to make a\n\tFAT16 volume (Min expected: 4086, Got: 0).\n\tPlease "
+     "try by increasing volume size.\nFormatting failed!\n"},
     // One sector more is exFAT, but no TNC row starts that low: the card is out of
     // the recommendations and refused before anything is written.
     {"SmallestExfatCard", (largest_fat_sectors + 1) * 512,

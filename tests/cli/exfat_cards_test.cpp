@@ -37,7 +37,7 @@ struct card_case {
 // Opens the card's partition read-only with the tool's own volume code.
 void expect_reader_agrees(const std::string &path, const card_case &c) {
     qfs_device_test::device_handle device;
-    ASSERT_EQ(qfs_device_create_default(path.c_str(), QFS_DEVICE_FLAG_READ_ONLY, &device.device), QFS_OK);
+    ASSERT_EQ(qfs_device_create_default(path.c_str(), QFS_DEVICE_FLAG_READ_ONLY, device.receive()), QFS_OK);
     ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
     ASSERT_EQ(qfs_device_set_range(device, c.partition_start * 512, c.partition_sectors * 512), QFS_OK);
     exfat_volume *volume = nullptr;

@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "cli/cli_texts.h"
+#include "cli/progress_lines.h"
 #include "harness/loop_device.h"
 #include "harness/process.h"
 #include "harness/temp_files.h"
@@ -130,16 +131,6 @@ TEST_F(ExfatRun, CardsBetweenClassesNeedRelaxing) {
     }
 }
 
-// Parses "PROGRESS:p/100 text" lines; the other machine-readable lines come first.
-std::vector<int> progress_percents(const std::string &out) {
-    std::vector<int> percents;
-    std::regex line("PROGRESS:([0-9]+)/100 [^\n]*\n");
-    for (auto it = std::sregex_iterator(out.begin(), out.end(), line); it != std::sregex_iterator(); ++it) {
-        percents.push_back(std::stoi((*it)[1]));
-    }
-    return percents;
-}
-
 TEST_F(ExfatRun, MachineReadableProgress) {
     const std::string path = card(smallest_card_sectors);
     for (const char *discard : {"", "--discard", "--secure-discard"}) {
@@ -151,33 +142,9 @@ TEST_F(ExfatRun, MachineReadableProgress) {
         const std::string header = "FSTYPE:exFAT\nFSCLUSTERSIZE:131072\nDEVICETOTALBYTES:34342961152\n"
                                    "FSTOTALBYTES:34326183936\nFSBYTESFREE:34325790720\nFSLABEL:DEMO\n";
         EXPECT_EQ(r.out.substr(0, header.size()), header);
-        const auto percents = progress_percents(r.out);
-        ASSERT_FALSE(percents.empty());
-        EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
-        EXPECT_EQ(percents.back(), 100);
-        EXPECT_EQ(r.out.find("PROGRESS", r.out.rfind("PROGRESS:100/100")), r.out.rfind("PROGRESS:100/100"))
-            << "nothing after 100";
-        EXPECT_EQ(r.err.find("Progress mismatch"), std::string::npos);
+        qfs_test::expect_progress_completes(r);
         EXPECT_EQ(r.err.find("Done"), std::string::npos) << "no bar in machine-readable mode";
     }
-}
-
-TEST_F(ExfatRun, QuickFormatZeroesHeadAndTailOnly) {
-    const std::string path = card(smallest_card_sectors);
-    const uint64_t card_bytes = smallest_card_sectors * 512;
-    const uint64_t partition_byte = 32768 * 512ull;
-    const std::vector<uint8_t> old(mib, 0xAA);
-    // Old bytes just past the head area, in the middle and just before the tail area.
-    const uint64_t kept[] = {partition_byte + 64 * mib, card_bytes / 2, card_bytes - 2 * mib};
-    qfs_test::write_bytes(path, 0, old);
-    qfs_test::write_bytes(path, partition_byte, old);
-    qfs_test::write_bytes(path, card_bytes - mib, old);
-    for (uint64_t at : kept) qfs_test::write_bytes(path, at, old);
-    ASSERT_EQ(qfs_test::run_tool({path}).exit_status, 0);
-    // The head reaches 1 MiB into the partition; the boot region and its padding are written there anyway.
-    EXPECT_FALSE(qfs_test::contains_byte(path, 512, partition_byte - 512, 0xAA)) << "alignment region";
-    EXPECT_TRUE(qfs_test::all_zero(path, card_bytes - mib, mib)) << "tail";
-    for (uint64_t at : kept) EXPECT_EQ(qfs_test::read_bytes(path, at, mib), old) << at;
 }
 
 TEST_F(ExfatRun, TerminalBarInAPseudoTerminal) {
@@ -227,11 +194,7 @@ TEST_F(ExfatRun, OverwriteZeroesEverythingButTheCardsOemParameters) {
     for (uint64_t at : windows) qfs_test::write_bytes(path, at, old);
     const auto r = qfs_test::run_tool({"--overwrite", "--discard", "--tca-formatter-progress", path});
     EXPECT_EQ(r.exit_status, 0) << r.err;
-    const auto percents = progress_percents(r.out);
-    ASSERT_FALSE(percents.empty());
-    EXPECT_EQ(percents.back(), 100);
-    EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
-    EXPECT_EQ(r.err.find("Progress mismatch"), std::string::npos);
+    qfs_test::expect_progress_completes(r);
     // Structures hold some 0xAA bytes of their own (signatures, the up-case table), so old bytes are looked
     // for only where no structure lies: the alignment region, the heap beyond its first 1 MiB (bitmap,
     // up-case table and root directory take 384 KiB of it), every gigabyte window and the tail.

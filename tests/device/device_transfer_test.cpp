@@ -22,7 +22,7 @@ protected:
         expected_ = pattern(size);
         qfs_test::make_sparse_image(path_, size);
         qfs_test::write_bytes(path_, 0, expected_);
-        ASSERT_EQ(qfs_device_create_default(path_.c_str(), flags, &dev_.device), QFS_OK);
+        ASSERT_EQ(qfs_device_create_default(path_.c_str(), flags, dev_.receive()), QFS_OK);
         ASSERT_EQ(qfs_device_open(dev_, 0), QFS_OK);
     }
     void expect_image_is_expected() {
@@ -108,7 +108,7 @@ constexpr aligned_case aligned_cases[] = {
 TEST_F(DeviceTransfer, AlignedWritesReadModifyWritePartialPages) {
     for (const auto &c : aligned_cases) {
         SCOPED_TRACE(c.name);
-        dev_.reset();
+        ASSERT_EQ(dev_.close_and_destroy(), QFS_OK);
         open_patterned(4096);
         dev_->alignment = 512;
         ASSERT_EQ(qfs_device_set_range(dev_, c.range_start, 4096 - c.range_start), QFS_OK);

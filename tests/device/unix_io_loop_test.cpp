@@ -35,7 +35,7 @@ protected:
 TEST_F(UnixIoLoop, BlockDeviceSizeComesFromTheKernel) {
     QFS_ATTACH_LOOP_OR_SKIP(loop, make_image());
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), QFS_DEVICE_FLAG_READ_ONLY, &dev.device), QFS_OK);
+    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), QFS_DEVICE_FLAG_READ_ONLY, dev.receive()), QFS_OK);
     EXPECT_NE(dev->flags & QFS_DEVICE_FLAG_BLOCK_OR_CHAR, 0u);
     ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
     uint32_t sector_size = 0;
@@ -63,7 +63,7 @@ TEST_F(UnixIoLoop, PartitionStartComesFromSysfs) {
     loop->scan_partitions();
 
     device_handle part;
-    ASSERT_EQ(qfs_device_create_default(loop->partition(1).c_str(), QFS_DEVICE_FLAG_READ_ONLY, &part.device),
+    ASSERT_EQ(qfs_device_create_default(loop->partition(1).c_str(), QFS_DEVICE_FLAG_READ_ONLY, part.receive()),
               QFS_OK);
     ASSERT_EQ(qfs_device_open(part, 0), QFS_OK);
     uint64_t start = 0;
@@ -80,7 +80,7 @@ TEST_F(UnixIoLoop, PartitionStartComesFromSysfs) {
     const std::string entry = "/sys/dev/block/" + std::to_string(major(info.st_rdev)) + ":" +
                               std::to_string(minor(info.st_rdev)) + "/start";
     device_handle whole;
-    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), QFS_DEVICE_FLAG_READ_ONLY, &whole.device), QFS_OK);
+    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), QFS_DEVICE_FLAG_READ_ONLY, whole.receive()), QFS_OK);
     ASSERT_EQ(qfs_device_open(whole, 0), QFS_OK);
     qfs_test::trace_capture trace;
     EXPECT_EQ(qfs_device_get_partition_start_sector(whole, &start), ENOENT);
@@ -105,7 +105,7 @@ TEST_F(UnixIoLoop, MountedDeviceIsFoundByPathAndByDeviceNumber) {
         SCOPED_TRACE(path);
         device_handle dev;
         ASSERT_EQ(qfs_device_create_default(path.c_str(), QFS_DEVICE_FLAG_READ_ONLY | QFS_DEVICE_FLAG_NO_LOCKING,
-                                            &dev.device),
+                                            dev.receive()),
                   QFS_OK);
         uint32_t mounted = 0, in_use = 0;
         char where[256] = {}, type[32] = {};
@@ -132,7 +132,7 @@ TEST_F(UnixIoLoop, DeviceHeldExclusivelyIsInUseButNotMounted) {
     ASSERT_TRUE(holder.holding());
 
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(path, QFS_DEVICE_FLAG_READ_ONLY, &dev.device), QFS_OK);
+    ASSERT_EQ(qfs_device_create_default(path, QFS_DEVICE_FLAG_READ_ONLY, dev.receive()), QFS_OK);
     uint32_t mounted = 7, in_use = 7;
     ASSERT_EQ(qfs_device_check_if_in_use(dev, &mounted, &in_use), QFS_OK);
     EXPECT_EQ(mounted, 0u);
@@ -148,7 +148,7 @@ TEST_F(UnixIoLoop, MisalignedDiscardIsRefusedBeforeTheDevice) {
     QFS_ATTACH_LOOP_OR_SKIP(loop, image);
     const std::string before = qfs_test::image_fingerprint(image);
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), 0, &dev.device), QFS_OK);
+    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), 0, dev.receive()), QFS_OK);
     ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
     struct discard_case {
         uint64_t position, count;

@@ -158,7 +158,7 @@ TEST_F(VolumeOpen, DefaultUpcaseChecksumUsesTheBuiltInTable) {
     exfat_upcase_table *table = nullptr;
     ASSERT_EQ(exfat_volume_read_upcase_table(v.volume(), &table), QFS_OK);
     EXPECT_EQ(exfat_upcase_char(table, u'a'), u'A');
-    exfat_upcase_destroy_table(&table);
+    EXPECT_EQ(exfat_upcase_destroy_table(&table), QFS_OK);
 }
 
 TEST_F(VolumeOpen, OtherUpcaseChecksumReadsTheTableFromDisk) {
@@ -182,7 +182,7 @@ TEST_F(VolumeOpen, OtherUpcaseChecksumReadsTheTableFromDisk) {
     EXPECT_EQ(exfat_upcase_char(table, u'a'), u'A');
     EXPECT_EQ(exfat_upcase_char(table, u'b'), u'X');
     EXPECT_EQ(exfat_upcase_char(table, u'c'), u'c');
-    exfat_upcase_destroy_table(&table);
+    EXPECT_EQ(exfat_upcase_destroy_table(&table), QFS_OK);
 }
 
 struct record_case {

@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "device/qfs_device.h"
+#include "device/qfs_device_owner.h"
 #include "exfat/format.h"
 #include "exfat/volume.h"
+#include "exfat/volume_owner.h"
 #include "harness/temp_files.h"
 #include "support/qfs_logging.h"
 
@@ -107,8 +109,8 @@ struct format_request {
 // A volume that starts at byte 0 of a sparse image, written by the format engine.
 inline void format_image(const std::string &image, const format_request &request = {}) {
     qfs_test::make_sparse_image(image, request.sectors * request.sector_size);
-    qfs_device *device = nullptr;
-    ASSERT_EQ(qfs_device_create_default(image.c_str(), 0, &device), QFS_OK);
+    qfs_device_owner device;
+    ASSERT_EQ(qfs_device_create_default(image.c_str(), 0, device.receive()), QFS_OK);
     ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
     const uint16_t sector_size = request.sector_size;
     const uint64_t sector_count = request.sectors;
@@ -122,9 +124,8 @@ inline void format_image(const std::string &image, const format_request &request
         &partition_start, nullptr,
         request.has_label ? reinterpret_cast<const uint16_t *>(request.label.data()) : nullptr,
         static_cast<uint8_t>(request.label.size()), &serial, nullptr, nullptr, false, false, false, false, &monitor);
-    qfs_device_close(device);
-    qfs_device_destroy(&device);
     ASSERT_EQ(r, QFS_OK);
+    ASSERT_EQ(device.close_and_destroy(), QFS_OK);
 }
 
 // A device over an image and a volume on it; whatever is open is closed when the test ends.
@@ -132,22 +133,13 @@ class opened_volume {
 public:
     explicit opened_volume(const std::string &image, bool read_only_device = false) {
         const uint64_t flags = read_only_device ? uint64_t{QFS_DEVICE_FLAG_READ_ONLY} : uint64_t{0};
-        qfs_device_create_default(image.c_str(), flags, &device_);
-    }
-    ~opened_volume() {
-        close();
-        if (device_ != nullptr) qfs_device_destroy(&device_);
+        EXPECT_EQ(qfs_device_create_default(image.c_str(), flags, device_.receive()), QFS_OK);
     }
     opened_volume(const opened_volume &) = delete;
     opened_volume &operator=(const opened_volume &) = delete;
 
-    qfs_result open(uint32_t flags) { return exfat_volume_create(device_, flags, &volume_); }
-    qfs_result close() {
-        if (volume_ == nullptr) return QFS_OK;
-        const qfs_result r = exfat_volume_close(volume_);
-        exfat_volume_destroy(&volume_);
-        return r;
-    }
+    qfs_result open(uint32_t flags) { return exfat_volume_create(device_, flags, volume_.receive()); }
+    qfs_result close() { return volume_.close_and_destroy(); }
     exfat_volume *volume() const { return volume_; }
     qfs_device *device() const { return device_; }
     exfat_volume_info info() const {
@@ -157,8 +149,9 @@ public:
     }
 
 private:
-    qfs_device *device_ = nullptr;
-    exfat_volume *volume_ = nullptr;
+    // The device is declared first, so the volume on it goes first.
+    qfs_device_owner device_;
+    exfat_volume_owner volume_;
 };
 
 // Every test here keeps its log lines out of the kernel log and works in its own directory.

@@ -1,4 +1,4 @@
-// Shared pieces of the device tests: an owning device handle, a byte pattern
+// Shared pieces of the device tests: the owning device handle, a byte pattern
 // that shows misplaced bytes, and a child process that holds a file.
 #pragma once
 
@@ -11,25 +11,13 @@
 #include <vector>
 
 #include "device/qfs_device.h"
+#include "device/qfs_device_owner.h"
 #include "support/qfs_logging.h"
 
 namespace qfs_device_test {
 
 // Closes and destroys the device when the test ends, also after a failed assertion.
-struct device_handle {
-    qfs_device *device = nullptr;
-    device_handle() = default;
-    device_handle(const device_handle &) = delete;
-    device_handle &operator=(const device_handle &) = delete;
-    ~device_handle() { reset(); }
-    void reset() {
-        if (device == nullptr) return;
-        if (device->flags & QFS_DEVICE_FLAG_OPEN) qfs_device_close(device);
-        qfs_device_destroy(&device);
-    }
-    qfs_device *operator->() const { return device; }
-    operator qfs_device *() const { return device; }
-};
+using device_handle = qfs_device_owner;
 
 // Every test here keeps its log lines out of the kernel log.
 class device_test : public testing::Test {

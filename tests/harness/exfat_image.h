@@ -25,6 +25,7 @@ struct format_request {
     const uint8_t *guid = nullptr;
     const uint8_t *flash_params = nullptr;
     bool tca_partitioning_only = false;
+    bool compare_before_write = false;
     // Images cannot tell their sector size; without the card tables the engine needs it given.
     const uint16_t *sector_size = nullptr;
     bool give_sector_size_without_tca = true;
@@ -32,24 +33,30 @@ struct format_request {
 
 inline constexpr uint16_t image_sector_size = 512;
 
-// Formats `image` with a fixed serial number; answers the engine's result.
-inline qfs_result format_image(const std::string &image, const format_request &request = {},
-                               const format_monitor *monitor = nullptr) {
-    qfs_device_test::device_handle device;
-    qfs_result r = qfs_device_create_default(image.c_str(), 0, &device.device);
-    if (r != QFS_OK) return r;
-    r = qfs_device_open(device, 0);
-    if (r != QFS_OK) return r;
+// Formats an open device with a fixed serial number; answers the engine's result.
+inline qfs_result format_device(qfs_device *device, const format_request &request = {},
+                                const format_monitor *monitor = nullptr) {
     const uint16_t *label = request.label ? reinterpret_cast<const uint16_t *>(request.label->data()) : nullptr;
     const uint8_t label_length = request.label ? static_cast<uint8_t>(request.label->size()) : 0;
     const uint16_t *sector_size = request.sector_size;
     if (sector_size == nullptr && !request.tca_whole && request.give_sector_size_without_tca) {
         sector_size = &image_sector_size;
     }
-    return exfat_format_volume(device, false, false, request.zero_data, false, false, request.discard, sector_size,
-                               nullptr, request.cluster_size, nullptr, nullptr, label, label_length, &request.serial,
-                               request.guid, request.flash_params, false, request.tca_whole, request.tca_relax,
-                               request.tca_partitioning_only, monitor);
+    return exfat_format_volume(device, false, false, request.zero_data, false, request.compare_before_write,
+                               request.discard, sector_size, nullptr, request.cluster_size, nullptr, nullptr, label,
+                               label_length, &request.serial, request.guid, request.flash_params, false,
+                               request.tca_whole, request.tca_relax, request.tca_partitioning_only, monitor);
+}
+
+// The same over an image file.
+inline qfs_result format_image(const std::string &image, const format_request &request = {},
+                               const format_monitor *monitor = nullptr) {
+    qfs_device_test::device_handle device;
+    qfs_result r = qfs_device_create_default(image.c_str(), 0, device.receive());
+    if (r != QFS_OK) return r;
+    r = qfs_device_open(device, 0);
+    if (r != QFS_OK) return r;
+    return format_device(device, request, monitor);
 }
 
 inline uint32_t le32(const std::vector<uint8_t> &b, size_t offset) {

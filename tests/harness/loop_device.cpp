@@ -1,8 +1,10 @@
 #include "harness/loop_device.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 
@@ -15,6 +17,15 @@ std::string loop_devices_unavailable() {
     if (access("/dev/loop-control", F_OK) != 0) return "/dev/loop-control is missing";
     if (!have_program("losetup")) return "losetup is not installed";
     return "";
+}
+
+bool held_exclusively(const std::string &path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_EXCL);
+    if (fd >= 0) {
+        close(fd);
+        return false;
+    }
+    return errno == EBUSY;
 }
 
 std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not) {

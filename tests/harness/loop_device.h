@@ -43,6 +43,10 @@ private:
 // The reason loop devices cannot be used here, or empty when they can.
 std::string loop_devices_unavailable();
 
+// True when an exclusive open fails with EBUSY: someone (a mount, a formatter,
+// maybe the kernel) holds the block device.
+bool held_exclusively(const std::string &path);
+
 } // namespace qfs_test
 
 // Attaches `image` as `var` (optionally with loop_device::options), or skips the test with the reason.

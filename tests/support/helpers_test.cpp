@@ -7,6 +7,7 @@
 
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
+#include "support/qfs_random.h"
 #include "support/qfs_support.h"
 
 namespace {

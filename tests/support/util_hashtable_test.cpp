@@ -13,7 +13,7 @@ namespace {
 
 struct table_holder {
     qfs_util_hashtable *table = nullptr;
-    ~table_holder() { qfs_util_hashtable_destroy(&table); }
+    ~table_holder() { EXPECT_EQ(qfs_util_hashtable_destroy(&table), QFS_OK); }
 };
 
 class ChainedTable : public testing::Test {

@@ -4,9 +4,9 @@
 // 16-bit capitals of U+0000 upward, where 0xFFFF followed by a count n says
 // that the next n characters are their own capitals. 2918 entries, checksum
 // 0xE619D30D.
-#include "exfat/upcase_default_table.h"
+#include "support/qfs_upcase_default_table.h"
 
-constexpr uint8_t exfat_upcase_default_compressed_table[exfat_upcase_default_compressed_size] = {
+constexpr uint8_t qfs_upcase_default_compressed_table[qfs_upcase_default_compressed_size] = {
     // capitals of U+0000..U+0007
     0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x03, 0x00, 0x04, 0x00, 0x05, 0x00, 0x06, 0x00, 0x07, 0x00,
     // capitals of U+0008..U+000F

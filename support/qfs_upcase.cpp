@@ -1,12 +1,11 @@
-#include "exfat/upcase.h"
+#include "support/qfs_upcase.h"
 
 #include <cstring>
 
-#include "exfat/upcase_default_table.h"
+#include "support/qfs_upcase_default_table.h"
 #include "support/qfs_endian.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_memory.h"
-#include "support/qfs_scope.h"
 
 namespace {
 
@@ -23,23 +22,23 @@ uint16_t name_hash_step(uint16_t hash, uint8_t byte) {
 
 } // namespace
 
-qfs_result exfat_upcase_get_default_compressed_table(const uint8_t **out_table, size_t *out_size) {
-    *out_table = exfat_upcase_default_compressed_table;
-    *out_size = exfat_upcase_default_compressed_size;
+qfs_result qfs_upcase_get_default_compressed_table(const uint8_t **out_table, size_t *out_size) {
+    *out_table = qfs_upcase_default_compressed_table;
+    *out_size = qfs_upcase_default_compressed_size;
     return QFS_OK;
 }
 
-qfs_result exfat_upcase_get_default_table(exfat_upcase_table **out) {
-    const qfs_result r = exfat_upcase_decompress_table(exfat_upcase_default_compressed_table,
-                                                       exfat_upcase_default_compressed_size / 2, out);
+qfs_result qfs_upcase_get_default_table(qfs_upcase_table **out) {
+    const qfs_result r = qfs_upcase_decompress_table(qfs_upcase_default_compressed_table,
+                                                       qfs_upcase_default_compressed_size / 2, out);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Error while decompressing table: %lu (%s)", QFS_ERR_ARGS(r));
     }
     return r;
 }
 
-qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t entry_count, exfat_upcase_table **out) {
-    QFS_TRACE("exfat_upcase_decompress_table entering with %hu bytes of input", entry_count);
+qfs_result qfs_upcase_decompress_table(const uint8_t *entries_le, uint16_t entry_count, qfs_upcase_table **out) {
+    QFS_TRACE("qfs_upcase_decompress_table entering with %hu bytes of input", entry_count);
     const auto entry = [&](uint32_t i) { return get_le16(entries_le, size_t{i} * 2); };
     // A 0xFFFF in last place has no count after it: it is the capital of its character.
     const auto is_run = [&](uint32_t i) { return entry(i) == run_marker && i + 1 < entry_count; };
@@ -56,23 +55,20 @@ qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t ent
     }
     QFS_TRACE("Calculated table_length: %lu", table_length);
 
-    qfs_unique<exfat_upcase_table> table;
+    qfs_unique<qfs_upcase_table> table;
     qfs_result r = qfs_object_alloc(table);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Failed to allocate %zu bytes of memory for the upcase table container: %lu (%s)",
-                      sizeof(exfat_upcase_table), QFS_ERR_ARGS(r));
+                      sizeof(qfs_upcase_table), QFS_ERR_ARGS(r));
         return r;
     }
-    r = qfs_ht_create(map_bits, sizeof(uint16_t), 0, sizeof(uint16_t), &table->map);
+    qfs_ht *raw_map = nullptr;
+    r = qfs_ht_create(map_bits, sizeof(uint16_t), 0, sizeof(uint16_t), &raw_map);
     if (r != QFS_OK) {
         QFS_LOG_ERROR("Error while creating uppercase hashtable: %lu (%s)", QFS_ERR_ARGS(r));
         return r;
     }
-    qfs_cleanup drop_map([&] {
-        if (table) {
-            qfs_ht_destroy(&table->map);
-        }
-    });
+    qfs_owned<qfs_ht, qfs_ht_destroy> map(raw_map);
 
     // Counts past 0xFFFF on malformed input; the key is its low 16 bits.
     uint32_t character = 0;
@@ -88,7 +84,7 @@ qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t ent
         const uint16_t capital = entry(i);
         if (capital != character) {
             const uint16_t key = static_cast<uint16_t>(character);
-            r = qfs_ht_insert(table->map, &key, &capital);
+            r = qfs_ht_insert(map.get(), &key, &capital);
             if (r != QFS_OK) {
                 QFS_LOG_ERROR("Error while inserting uppercase mapping into table: %lu (%s)", QFS_ERR_ARGS(r));
                 return r;
@@ -99,20 +95,21 @@ qfs_result exfat_upcase_decompress_table(const uint8_t *entries_le, uint16_t ent
     }
     QFS_TRACE("table_ptr=%lu", static_cast<unsigned long>(character));
     QFS_TRACE("Generated table length=%lu", table_length);
+    table->map = map.release();
     *out = table.release();
     return QFS_OK;
 }
 
-qfs_result exfat_upcase_destroy_table(exfat_upcase_table **table) {
+qfs_result qfs_upcase_destroy_table(qfs_upcase_table **table) {
     if (table == nullptr || *table == nullptr) {
         return QFS_OK;
     }
-    qfs_ht_destroy(&(*table)->map);
+    const qfs_result r = qfs_ht_destroy(&(*table)->map);
     qfs_free(*table);
-    return QFS_OK;
+    return r;
 }
 
-uint16_t exfat_upcase_char(const exfat_upcase_table *table, uint16_t character) {
+uint16_t qfs_upcase_char(const qfs_upcase_table *table, uint16_t character) {
     if (table == nullptr) {
         return character;
     }
@@ -126,7 +123,7 @@ uint16_t exfat_upcase_char(const exfat_upcase_table *table, uint16_t character) 
     return capital;
 }
 
-qfs_result exfat_upcase_convert_case(const exfat_upcase_table *table, const uint16_t *name, size_t length, int mode,
+qfs_result qfs_upcase_convert_case(const qfs_upcase_table *table, const uint16_t *name, size_t length, int mode,
                                      uint16_t **inout_result) {
     (void)mode; // every mode gives the capitals
     if (inout_result == nullptr) {
@@ -146,7 +143,7 @@ qfs_result exfat_upcase_convert_case(const exfat_upcase_table *table, const uint
     }
     // Index by index, so the result may be the name itself.
     for (size_t i = 0; i < length; ++i) {
-        result[i] = exfat_upcase_char(table, name[i]);
+        result[i] = qfs_upcase_char(table, name[i]);
     }
     if (allocated) {
         *inout_result = allocated.release();
@@ -154,14 +151,14 @@ qfs_result exfat_upcase_convert_case(const exfat_upcase_table *table, const uint
     return QFS_OK;
 }
 
-int exfat_upcase_compare_names(const exfat_upcase_table *table, const uint16_t *a, const uint16_t *b, size_t length,
+int qfs_upcase_compare_names(const qfs_upcase_table *table, const uint16_t *a, const uint16_t *b, size_t length,
                                const uint16_t *optional_char) {
     if (table == nullptr) {
         const int difference = std::memcmp(a, b, length * sizeof(uint16_t));
         return (difference > 0) - (difference < 0);
     }
     const auto capital = [&](uint16_t c) {
-        return optional_char != nullptr && c == *optional_char ? c : exfat_upcase_char(table, c);
+        return optional_char != nullptr && c == *optional_char ? c : qfs_upcase_char(table, c);
     };
     for (size_t i = 0; i < length; ++i) {
         const uint16_t ca = capital(a[i]);
@@ -173,7 +170,7 @@ int exfat_upcase_compare_names(const exfat_upcase_table *table, const uint16_t *
     return 0;
 }
 
-uint32_t exfat_upcase_table_checksum(const uint8_t *bytes, size_t length) {
+uint32_t qfs_upcase_table_checksum(const uint8_t *bytes, size_t length) {
     uint32_t sum = 0;
     for (size_t i = 0; i < length; ++i) {
         sum = ((sum & 1) ? 0x80000000u : 0) + (sum >> 1) + bytes[i];
@@ -181,13 +178,13 @@ uint32_t exfat_upcase_table_checksum(const uint8_t *bytes, size_t length) {
     return sum;
 }
 
-uint16_t exfat_upcase_name_hash_seeded(const exfat_upcase_table *table, uint16_t incoming, const uint16_t *name,
+uint16_t qfs_upcase_name_hash_seeded(const qfs_upcase_table *table, uint16_t incoming, const uint16_t *name,
                                        uint8_t length) {
     QFS_TRACE("Entering: upcase_table=%p incoming=0x%hX file_name=%p name_length=%hhu",
               static_cast<const void *>(table), incoming, static_cast<const void *>(name), length);
     uint16_t hash = incoming;
     for (unsigned i = 0; i < length; ++i) {
-        const uint16_t upcased = exfat_upcase_char(table, name[i]);
+        const uint16_t upcased = qfs_upcase_char(table, name[i]);
         QFS_TRACE("Index %hu: upcased_char=%hX", static_cast<unsigned short>(i), upcased);
         hash = name_hash_step(hash, static_cast<uint8_t>(upcased));
         QFS_TRACE("hash (%d): %hX", static_cast<int>(2 * i), hash);
@@ -197,20 +194,20 @@ uint16_t exfat_upcase_name_hash_seeded(const exfat_upcase_table *table, uint16_t
     return hash;
 }
 
-uint16_t exfat_upcase_name_hash(const exfat_upcase_table *table, const uint16_t *name, uint8_t length) {
+uint16_t qfs_upcase_name_hash(const qfs_upcase_table *table, const uint16_t *name, uint8_t length) {
     QFS_TRACE("Entering: upcase_table=%p file_name=%p name_length=%hhu", static_cast<const void *>(table),
               static_cast<const void *>(name), length);
-    const uint16_t hash = exfat_upcase_name_hash_seeded(table, 0, name, length);
+    const uint16_t hash = qfs_upcase_name_hash_seeded(table, 0, name, length);
     QFS_TRACE("Final hash value: %hX", hash);
     return hash;
 }
 
-uint16_t exfat_upcase_path_hash(const exfat_upcase_table *table, const uint16_t *path, size_t length) {
+uint16_t qfs_upcase_path_hash(const qfs_upcase_table *table, const uint16_t *path, size_t length) {
     QFS_TRACE("Entering: upcase_table=%p path=%p path_length=%zu", static_cast<const void *>(table),
               static_cast<const void *>(path), length);
     uint16_t hash = 0;
     for (size_t i = 0; i < length; ++i) {
-        const uint16_t upcased = exfat_upcase_char(table, path[i]);
+        const uint16_t upcased = qfs_upcase_char(table, path[i]);
         QFS_TRACE("Index %zu: upcased_char=%hX", i, upcased);
         hash = name_hash_step(hash, static_cast<uint8_t>(upcased));
         QFS_TRACE("hash (%zu): %hX", 2 * i, hash);
