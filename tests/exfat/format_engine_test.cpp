@@ -1,6 +1,6 @@
 // The exFAT engine on small volumes formatted without the card tables:
 // refusals, chains over several clusters, OEM parameter slots, progress
-// accounting, zero-fill and discard.
+// accounting and zero-fill.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -34,70 +34,17 @@ protected:
     }
 };
 
-TEST_F(ExfatEngine, RefusalsChangeNothing) {
-    const std::u16string too_long = u"TWELVE CHARS";
-    const std::u16string forbidden = u"A*B";
-    const uint8_t null_guid[16] = {};
-    struct refusal {
-        const char *message;
-        format_request request;
-    };
-    refusal cases[] = {
-        {"Invalid volume name length: 12 (maximum allowed: 11)", {}},
-        {"Invalid characters in volume name.", {}},
-        {"Invalid volume GUID (null GUID not allowed).", {}},
-        {"Conflicting options: tca_whole must be enabled on a partitioning-only run.", {}},
-    };
-    cases[0].request.label = &too_long;
-    cases[1].request.label = &forbidden;
-    cases[2].request.guid = null_guid;
-    cases[3].request.tca_partitioning_only = true;
+TEST_F(ExfatEngine, LabelRefusalsChangeNothing) {
     const std::string path = image(64 * mib);
     const std::string before = qfs_test::image_fingerprint(path);
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.message);
-        c.request.tca_whole = false;
+    for (const std::u16string label : {u"TWELVE CHARS", u"A*B"}) {
+        format_request request;
+        request.label = &label;
         recorded_monitor monitor;
-        EXPECT_EQ(format_image(path, c.request, monitor.get()), 22);
-        EXPECT_EQ(monitor.errors, std::vector<std::string>{c.message});
+        EXPECT_EQ(format_image(path, request, monitor.get()), 22);
+        EXPECT_EQ(monitor.errors.size(), 1u);
         EXPECT_EQ(qfs_test::image_fingerprint(path), before);
     }
-}
-
-TEST_F(ExfatEngine, AnImageWithoutSectorSizeNeedsOneGiven) {
-    const std::string path = image(64 * mib);
-    format_request request;
-    request.tca_whole = false;
-    request.give_sector_size_without_tca = false;
-    recorded_monitor monitor;
-    EXPECT_EQ(format_image(path, request, monitor.get()), 25);
-    EXPECT_EQ(monitor.errors, (std::vector<std::string>{
-                                  "Failed to get device sector size: Inappropriate ioctl for device",
-                                  "Failed to retrieve necessary device characteristics: 25 (Inappropriate ioctl for "
-                                  "device)",
-                              }));
-}
-
-TEST_F(ExfatEngine, TooSmallVolumes) {
-    format_request plain;
-    plain.tca_whole = false;
-    // 2047 sectors: one sector short of 1 MiB.
-    const std::string small = image(2047 * 512, "small.img");
-    const std::string before = qfs_test::image_fingerprint(small);
-    recorded_monitor monitor;
-    EXPECT_EQ(format_image(small, plain, monitor.get()), 28);
-    EXPECT_EQ(monitor.errors, std::vector<std::string>{"Device is too small to hold an exFAT file system (device size: "
-                                                       "1048064 B, required: 1048576 B)."});
-    EXPECT_EQ(qfs_test::image_fingerprint(small), before);
-
-    // Exactly 1 MiB fits: 4 KiB clusters, 64 KiB alignment. The leading zero
-    // area covers the whole device, so there is no trailing one.
-    const std::string exact = image(mib, "exact.img");
-    recorded_monitor fits;
-    ASSERT_EQ(format_image(exact, plain, fits.get()), QFS_OK);
-    EXPECT_EQ(fits.cluster_size, 4096u);
-    for (const auto &line : fits.infos) EXPECT_EQ(line.find("end of the device"), std::string::npos) << line;
-    EXPECT_TRUE(fsck_accepts(exact));
 }
 
 TEST_F(ExfatEngine, ChainsOverSeveralClusters) {
@@ -114,7 +61,6 @@ TEST_F(ExfatEngine, ChainsOverSeveralClusters) {
     request.label = &label;
     recorded_monitor monitor;
     ASSERT_EQ(format_image(path, request, monitor.get()), QFS_OK);
-    EXPECT_EQ(monitor.warnings, std::vector<std::string>{"Could not get partition offset of device. Setting to 0."});
 
     const auto fat = qfs_test::read_bytes(path, 128 * 512, 64);
     const uint32_t expected_fat[] = {0xFFFFFFF8, 0xFFFFFFFF, 3, 4, 5, 6, 7, 8, 9, 0xFFFFFFFF, 11, 0xFFFFFFFF, 0xFFFFFFFF, 0};
@@ -134,33 +80,6 @@ TEST_F(ExfatEngine, ChainsOverSeveralClusters) {
     EXPECT_TRUE(fsck_accepts(path));
 }
 
-TEST_F(ExfatEngine, VolumeGuidEntry) {
-    const std::string path = image(64 * mib);
-    const uint8_t guid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    format_request request;
-    request.tca_whole = false;
-    request.guid = guid;
-    ASSERT_EQ(format_image(path, request), QFS_OK);
-    // 64 MiB = 131072 sectors in 4 KiB clusters, FAT at 128: (131072 - 128) / 8 = 16368 clusters need
-    // 2 * ceil(16370 * 4 / 512) = 256 FAT sectors (already aligned), so the heap starts at 384.
-    const auto boot = qfs_test::read_bytes(path, 0, 512);
-    const uint64_t root = (static_cast<uint64_t>(le32(boot, 88)) + (le32(boot, 96) - 2ull) * 8) * 512;
-    EXPECT_EQ(le32(boot, 88), 384u);
-    const auto entry = qfs_test::read_bytes(path, root + 96, 32);
-    EXPECT_EQ(entry[0], 0xA0);
-    EXPECT_EQ(entry[1], 0) << "no secondary entries";
-    EXPECT_EQ(le16(entry, 4), 0) << "flags";
-    EXPECT_EQ(memcmp(entry.data() + 6, guid, 16), 0);
-    EXPECT_EQ(std::vector<uint8_t>(entry.begin() + 22, entry.end()), std::vector<uint8_t>(10, 0));
-    uint16_t checksum = 0;
-    for (size_t i = 0; i < 32; ++i) {
-        if (i == 2 || i == 3) continue;
-        checksum = static_cast<uint16_t>((checksum << 15 | checksum >> 1) + entry[i]);
-    }
-    EXPECT_EQ(le16(entry, 2), checksum);
-    EXPECT_TRUE(fsck_accepts(path));
-}
-
 TEST_F(ExfatEngine, OemParameterSlots) {
     const uint8_t flash_guid[16] = {0x46, 0x7E, 0x0C, 0x0A, 0x99, 0x33, 0x21, 0x40,
                                     0x90, 0xC8, 0xFA, 0x6D, 0x38, 0x9C, 0x4B, 0xA2};
@@ -177,16 +96,12 @@ TEST_F(ExfatEngine, OemParameterSlots) {
         format_request request;
         request.tca_whole = false;
         request.flash_params = supplied;
-        recorded_monitor monitor;
-        ASSERT_EQ(format_image(path, request, monitor.get()), QFS_OK);
+        ASSERT_EQ(format_image(path, request), QFS_OK);
         std::fill(sector.begin() + 480, sector.end(), 0);
         EXPECT_EQ(qfs_test::read_bytes(path, 9 * 512, 512), sector);
         EXPECT_EQ(qfs_test::read_bytes(path, 21 * 512, 512), sector) << "backup copy";
-        EXPECT_NE(std::find(monitor.infos.begin(), monitor.infos.end(),
-                            "Existing flash parameters structure found. No changes will be made."),
-                  monitor.infos.end());
     }
-    // Ten occupied slots leave no room: a warning, and the slots stay.
+    // Ten occupied slots leave no room: the slots stay.
     {
         const std::string path = image(64 * mib, "full.img");
         std::vector<uint8_t> sector(512, 0);
@@ -195,12 +110,8 @@ TEST_F(ExfatEngine, OemParameterSlots) {
         format_request request;
         request.tca_whole = false;
         request.flash_params = supplied;
-        recorded_monitor monitor;
-        ASSERT_EQ(format_image(path, request, monitor.get()), QFS_OK);
+        ASSERT_EQ(format_image(path, request), QFS_OK);
         EXPECT_EQ(qfs_test::read_bytes(path, 9 * 512, 512), sector);
-        EXPECT_NE(std::find(monitor.warnings.begin(), monitor.warnings.end(),
-                            "Found no empty slot to store supplied flash parameters."),
-                  monitor.warnings.end());
     }
 }
 
@@ -254,6 +165,7 @@ TEST_F(ExfatEngine, ProgressAccountingEndsAtOneHundred) {
         uint32_t discard;
     };
     // Whole-card cases are sparse and quick; zero-fill only on the small volume.
+    // Images have no discard: a discard that fails does not fail the format.
     constexpr progress_case cases[] = {
         {"quick", 64 * mib, false, false, false, EXFAT_DISCARD_NONE},
         {"zero", 64 * mib, false, true, false, EXFAT_DISCARD_NONE},
@@ -279,27 +191,6 @@ TEST_F(ExfatEngine, ProgressAccountingEndsAtOneHundred) {
         EXPECT_TRUE(std::is_sorted(monitor.percents.begin(), monitor.percents.end()));
         EXPECT_EQ(monitor.percents.back(), 100u);
     }
-}
-
-TEST_F(ExfatEngine, DiscardFailuresOnlyWarn) {
-    // Images have no discard: the request fails, the format does not.
-    const std::string path = image(64 * mib);
-    format_request request;
-    request.tca_whole = false;
-    request.discard = EXFAT_DISCARD_SECURE;
-    recorded_monitor secure;
-    ASSERT_EQ(format_image(path, request, secure.get()), QFS_OK);
-    const std::vector<std::string> both = {
-        "Could not get partition offset of device. Setting to 0.",
-        "Error while securely discarding data on device: Inappropriate ioctl for device Falling back to regular "
-        "discard...",
-        "Error while performing regular discard of data on device: Inappropriate ioctl for device",
-    };
-    EXPECT_EQ(secure.warnings, both);
-    request.discard = EXFAT_DISCARD_REGULAR;
-    recorded_monitor regular;
-    ASSERT_EQ(format_image(path, request, regular.get()), QFS_OK);
-    EXPECT_EQ(regular.warnings, (std::vector<std::string>{both[0], both[2]}));
 }
 
 TEST_F(ExfatEngine, FourKibSectors) {
