@@ -1,5 +1,5 @@
-// The device object over image files: range clipping, read-only refusal,
-// the aligned path and phantom transfers.
+// The device object over image files: range clipping, read-only refusal and
+// the aligned path.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,7 +7,6 @@
 #include "device/qfs_device.h"
 #include "harness/device_handle.h"
 #include "harness/temp_files.h"
-#include "harness/trace_capture.h"
 
 namespace {
 
@@ -82,27 +81,16 @@ struct aligned_case {
     uint64_t range_start;
     uint64_t position;
     size_t count;
-    const char *decision; // the end of the misalignment trace line
-    size_t lead_ins, middles, lead_outs;
 };
 
-// Alignment 512 throughout; pages are [0,512), [512,1024), [1024,1536).
+// Alignment 512 throughout; pages are [0,512), [512,1024), [1024,1536). The
+// bytes around every write, in the partial pages too, must stay as they were.
 constexpr aligned_case aligned_cases[] = {
-    // 10..110: both ends inside page 0, one read-modify-write.
-    {"100 at 10", 0, 10, 100, "start / end offset was detected for write with offset 10 and length 100. "
-                              "Aligning write...", 1, 0, 0},
-    // 10..1010: lead-in 10..512 and lead-out 512..1010, page 1 being the last page, so no whole page between.
-    {"1000 at 10", 0, 10, 1000, "start / end offset was detected for write with offset 10 and length 1000. "
-                                "Splitting write in three...", 1, 0, 1},
-    // 10..1110: lead-in 10..512, middle 512..1024, lead-out 1024..1110.
-    {"1100 at 10", 0, 10, 1100, "start / end offset was detected for write with offset 10 and length 1100. "
-                                "Splitting write in three...", 1, 1, 1},
-    // 0..700: aligned start, lead-out 512..700 only.
-    {"700 at 0", 0, 0, 700, "end offset was detected for write with offset 0 and length 700. "
-                            "Splitting write in two...", 0, 1, 1},
-    // Range from 100: absolute 110..160 in page 0, but bytes 0..99 lie outside the range and stay untouched.
-    {"50 at 10 in a range from 100", 100, 10, 50, "start / end offset was detected for write with offset 10 and "
-                                                  "length 50. Aligning write...", 1, 0, 0},
+    {"both ends inside page 0", 0, 10, 100},
+    {"lead-in and lead-out, no whole page between", 0, 10, 1000},
+    {"lead-in, one whole page, lead-out", 0, 10, 1100},
+    {"aligned start, lead-out only", 0, 0, 700},
+    {"range from 100: bytes 0..99 outside it", 100, 10, 50},
 };
 
 TEST_F(DeviceTransfer, AlignedWritesReadModifyWritePartialPages) {
@@ -116,15 +104,8 @@ TEST_F(DeviceTransfer, AlignedWritesReadModifyWritePartialPages) {
         for (size_t i = 0; i < c.count; ++i) payload[i] = static_cast<uint8_t>(0xFF - i % 13);
 
         size_t n = 0;
-        qfs_test::trace_capture trace;
         ASSERT_EQ(qfs_device_pwrite(dev_, c.position, payload.size(), payload.data(), &n), QFS_OK);
         EXPECT_EQ(n, c.count);
-        if (qfs_test::trace_compiled_in) {
-            EXPECT_EQ(trace.count(c.decision), 1u);
-            EXPECT_EQ(trace.count("\tLead-in write of"), c.lead_ins);
-            EXPECT_EQ(trace.count("\tRegular write of"), c.middles);
-            EXPECT_EQ(trace.count("\tLead-out write of"), c.lead_outs);
-        }
 
         // Read back through the aligned path as well.
         std::vector<uint8_t> back(c.count);
@@ -136,89 +117,6 @@ TEST_F(DeviceTransfer, AlignedWritesReadModifyWritePartialPages) {
         std::copy(payload.begin(), payload.end(), expected_.begin() + c.range_start + c.position);
         expect_image_is_expected();
     }
-}
-
-TEST_F(DeviceTransfer, AlignedLeadInCreditIsJudgedAgainstTheTail) {
-    open_patterned(4096);
-    dev_->alignment = 512;
-    ASSERT_EQ(qfs_device_set_range(dev_, 0, 50), QFS_OK);
-    // 40 bytes at 10 end at the range end, 50: the lead-in reads and writes back
-    // the range's 50 bytes, and credits them only when 50 exceeds the tail (50).
-    const std::vector<uint8_t> payload(40, 0xC3);
-    size_t n = 99;
-    ASSERT_EQ(qfs_device_pwrite(dev_, 10, payload.size(), payload.data(), &n), QFS_OK);
-    EXPECT_EQ(n, 0u);
-    ASSERT_EQ(qfs_device_close(dev_), QFS_OK);
-    std::fill(expected_.begin() + 10, expected_.begin() + 50, 0xC3);
-    expect_image_is_expected();
-}
-
-TEST_F(DeviceTransfer, AlignedTraceNamesPagesAndOffsets) {
-    QFS_SKIP_WITHOUT_TRACE();
-    open_patterned(4096);
-    dev_->alignment = 512;
-    std::vector<uint8_t> payload(1100, 0x11);
-    size_t n = 0;
-    qfs_test::trace_capture trace;
-    ASSERT_EQ(qfs_device_pwrite(dev_, 10, payload.size(), payload.data(), &n), QFS_OK);
-    // 10..1110 touches pages 0 to 2.
-    EXPECT_TRUE(trace.contains("Aligned write of 1100 bytes to offset 10 (raw device offset 10), pages 0-2 (3 pages)..."));
-    EXPECT_TRUE(trace.contains("\tA misaligned write start / end offset was detected"));
-    EXPECT_TRUE(trace.contains("\tLead-in read of 512 bytes starting at offset 0 (absolute offset 0) into alignment buffer..."));
-    EXPECT_TRUE(trace.contains("\tRegular write of 512 bytes starting at offset 512 from buffer offset 502 ..."));
-    EXPECT_TRUE(trace.contains("\tLead-out write of 512 bytes starting at offset 1024 (absolute offset 1024)  into alignment buffer..."));
-}
-
-TEST_F(DeviceTransfer, PhantomTransfersNeedTheFlagAndNoAlignment) {
-    open_patterned(4096);
-    const std::string before = qfs_test::image_fingerprint(path_);
-    struct refusal {
-        const char *why;
-        bool clear_flag;
-        uint32_t alignment;
-    };
-    constexpr refusal refusals[] = {{"phantom flag clear", true, 0}, {"alignment 512", false, 512}};
-    for (const auto &c : refusals) {
-        SCOPED_TRACE(c.why);
-        const uint64_t saved = dev_->flags;
-        if (c.clear_flag) dev_->flags &= ~static_cast<uint64_t>(QFS_DEVICE_FLAG_PHANTOM_ALLOWED);
-        dev_->alignment = c.alignment;
-        qfs_io_context context;
-        size_t n = 0;
-        EXPECT_EQ(qfs_device_pread_ioc(dev_, &context, nullptr, 512, 0, 0, 0, &n), QFS_ERR_UNSUPPORTED_FEATURE);
-        EXPECT_EQ(qfs_device_pwrite_ioc(dev_, &context, nullptr, 512, 0, 0, &n), QFS_ERR_UNSUPPORTED_FEATURE);
-        EXPECT_TRUE(context.buffers.empty());
-        dev_->flags = saved;
-        dev_->alignment = 0;
-    }
-    ASSERT_EQ(qfs_device_close(dev_), QFS_OK);
-    EXPECT_EQ(qfs_test::image_fingerprint(path_), before);
-}
-
-TEST_F(DeviceTransfer, PhantomReadsAndWriteCopyRegions) {
-    open_patterned(65536);
-    qfs_io_context context;
-    size_t n = 0;
-    // Page-aligned source (mapped) and an unaligned one (copied through memory).
-    ASSERT_EQ(qfs_device_pread_ioc(dev_, &context, nullptr, 4096, 0, 0, 0, &n), QFS_OK);
-    EXPECT_EQ(n, 4096u);
-    ASSERT_EQ(qfs_device_pread_ioc(dev_, &context, nullptr, 3000, 5000, 0, 0, &n), QFS_OK);
-    ASSERT_EQ(context.buffers.size(), 2u);
-    EXPECT_EQ(context.total_size, 7096u);
-    EXPECT_EQ(context.buffers[1].offset, 5000u);
-    EXPECT_EQ(context.buffers[1].flags, uint32_t{QFS_IO_BUFFER_FD | QFS_IO_BUFFER_USE_OFFSET});
-
-    qfs_test::trace_capture trace;
-    ASSERT_EQ(qfs_device_pwrite_ioc(dev_, &context, nullptr, 7096, 32768, 0, &n), QFS_OK);
-    EXPECT_EQ(n, 7096u);
-    if (qfs_test::trace_compiled_in) {
-        EXPECT_TRUE(trace.contains("Successfully mapped 4096 bytes of fd"));
-        EXPECT_TRUE(trace.contains("Falling back to memory backed buffer due to error while mapping 3000 bytes"));
-    }
-    ASSERT_EQ(qfs_device_close(dev_), QFS_OK);
-    std::copy(expected_.begin(), expected_.begin() + 4096, expected_.begin() + 32768);
-    std::copy(expected_.begin() + 5000, expected_.begin() + 8000, expected_.begin() + 32768 + 4096);
-    expect_image_is_expected();
 }
 
 } // namespace
