@@ -70,7 +70,8 @@ TEST_F(Utf8Test, InvalidSequencesAreRefusedBothWays) {
         EXPECT_EQ(units, nullptr);
         EXPECT_EQ(count, 77u);
     }
-    const std::vector<std::vector<uint16_t>> unpaired = {{0xD800}, {0xDC00}, {0xD83D, 0x0041}, {0x0041, 0xDE00, 0xD83D}};
+    const std::vector<std::vector<uint16_t>> unpaired = {
+        {0xD800}, {0xDC00}, {0xD83D, 0x0041}, {0x0041, 0xDE00, 0xD83D}};
     for (const auto &units : unpaired) {
         char *text = nullptr;
         EXPECT_EQ(qfs_unistr_to_utf8(units.data(), units.size(), &text, nullptr), QFS_ERR_INVALID_DATA);

@@ -43,7 +43,8 @@ TEST(UpcaseTable, DecompressedMapGivesEveryCharactersCapital) {
         const uint16_t entry = uint16_t(bytes[i] | bytes[i + 1] << 8);
         if (entry == 0xFFFF && i + 3 < bytes.size()) {
             i += 2;
-            for (uint16_t n = uint16_t(bytes[i] | bytes[i + 1] << 8); n > 0; --n) capitals.push_back(uint16_t(capitals.size()));
+            const uint16_t run = uint16_t(bytes[i] | bytes[i + 1] << 8);
+            for (uint16_t n = 0; n < run; ++n) capitals.push_back(uint16_t(capitals.size()));
         } else {
             capitals.push_back(entry);
         }

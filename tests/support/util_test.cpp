@@ -25,6 +25,7 @@ TEST(UtilXuid, TextFormsParseAndPrintInTheirByteOrders) {
     } cases[] = {
         {"00112233-4455-6677-8899-aabbccddeeff", 0, &text_order},
         {"00112233-4455-6677-8899-AABBCCDDEEFF", 1, &guid_order},
+        {"00112233x4455x6677x8899xaabbccddeeff", 1, &guid_order}, // the separators are not examined
         {"00112233-4455-6677-8899-aabbccddeef", 0, nullptr},
         {"00112233-4455-6677-8899-aabbccddeeff0", 1, nullptr},
         {"00112233-4455-6677-8899-aabbccddeefg", 0, nullptr},
