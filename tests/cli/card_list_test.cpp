@@ -56,7 +56,7 @@ struct disk_case {
     const char *mounts;  // mount table lines
     const char *fixed;   // what the refusal calls it; "" for a disk that takes cards
     const char *line;    // its --list --all line
-    const char *json;    // its object in the --json document
+    const char *json;    // its object in the --json document, for the cases that show every kind of field
 };
 
 // Sizes: 512-byte units of the size entry; "29.7 GiB" is 62333952 * 512 / 2^30 = 29.72.
@@ -79,10 +79,7 @@ const disk_case disk_cases[] = {
      "device/model=STORAGE DEVICE  ",
      "", "", "/dev/sdb: 59.6 GiB (64021856256 bytes); usb, removable; Generic STORAGE DEVICE; TNC, exFAT, 128 KiB "
      "clusters\n",
-     R"j({"path": "/dev/sdb", "attachment": "usb", "removable": true, "fixed": false, "size_bytes": 64021856256,
-     "logical_block_size": 512, "vendor": "Generic", "model": "STORAGE DEVICE", "card": null, "backing_file": null,
-     "mounted": [], "format": "TNC, exFAT, 128 KiB clusters", "class": "TNC", "file_system": "exFAT",
-     "cluster_bytes": 131072})j"},
+     nullptr},
     {"UsbReaderWithoutCard", "sdc", "pci0000:00/0000:00:14.0/usb1/1-3/1-3:1.0/host4/target4:0:0/4:0:0:0",
      "dev=8:32;removable=1;size=0;queue/logical_block_size=512;device/vendor=Generic ;device/model=STORAGE DEVICE  ",
      "", "", "/dev/sdc: no card; usb, removable; Generic STORAGE DEVICE; no card\n",
@@ -96,37 +93,25 @@ const disk_case disk_cases[] = {
      "41 25 8:49 / /media/me/STICK rw - vfat /dev/sdd1 rw\n41 25 8:50 / /other rw - vfat /dev/sdd2 rw\n", "",
      "/dev/sdd: 14.3 GiB (15376318464 bytes); usb; SanDisk Cruzer Blade; mounted: /dev/sdd1 on /media/me/STICK; "
      "TNB, FAT32, 32 KiB clusters\n",
-     R"j({"path": "/dev/sdd", "attachment": "usb", "removable": false, "fixed": false, "size_bytes": 15376318464,
-     "logical_block_size": 512, "vendor": "SanDisk", "model": "Cruzer Blade", "card": null, "backing_file": null,
-     "mounted": [{"device": "/dev/sdd1", "mount_point": "/media/me/STICK"}], "format": "TNB, FAT32, 32 KiB clusters",
-     "class": "TNB", "file_system": "FAT32", "cluster_bytes": 32768})j"},
+     nullptr},
     // A PCI card reader behind a SCSI host: only the removable mark tells it from a disk.
     {"PciCardReader", "sdf", "pci0000:00/0000:00:1c.4/0000:03:00.0/host7/target7:0:0/7:0:0:0",
      "dev=8:80;removable=1;size=15523840;queue/logical_block_size=512;device/vendor=Generic-;device/model=SD/MMC CRW",
      "", "",
      "/dev/sdf: 7.4 GiB (7948206080 bytes); scsi, removable; Generic- SD/MMC CRW; TNB, FAT32, 32 KiB clusters\n",
-     R"j({"path": "/dev/sdf", "attachment": "scsi", "removable": true, "fixed": false, "size_bytes": 7948206080,
-     "logical_block_size": 512, "vendor": "Generic-", "model": "SD/MMC CRW", "card": null, "backing_file": null,
-     "mounted": [], "format": "TNB, FAT32, 32 KiB clusters", "class": "TNB", "file_system": "FAT32",
-     "cluster_bytes": 32768})j"},
+     nullptr},
     {"NvmeDisk", "nvme0n1", "pci0000:00/0000:00:1d.0/0000:3d:00.0/nvme/nvme0",
      "dev=259:0;removable=0;size=976773168;queue/logical_block_size=512;device/model=Samsung SSD 970 EVO  ;"
      "nvme0n1p2/partition=2;nvme0n1p2/dev=259:2",
      "29 1 259:2 / / rw,relatime - ext4 /dev/nvme0n1p2 rw\n", "a fixed NVMe disk",
      "/dev/nvme0n1: 465.8 GiB (500107862016 bytes); nvme; Samsung SSD 970 EVO; mounted: /dev/nvme0n1p2 on /; "
      "fixed disk\n",
-     R"j({"path": "/dev/nvme0n1", "attachment": "nvme", "removable": false, "fixed": true, "size_bytes": 500107862016,
-     "logical_block_size": 512, "vendor": null, "model": "Samsung SSD 970 EVO", "card": null, "backing_file": null,
-     "mounted": [{"device": "/dev/nvme0n1p2", "mount_point": "/"}], "format": "fixed disk", "class": null,
-     "file_system": null, "cluster_bytes": null})j"},
+     nullptr},
     {"VirtioDisk", "vda", "pci0000:00/0000:00:02.0/virtio1",
      "dev=254:0;removable=0;size=536870912;queue/logical_block_size=512;device/vendor=0x1af4",
      "22 1 254:0 / / rw - ext4 /dev/root rw\n", "a fixed virtio disk",
      "/dev/vda: 256.0 GiB (274877906944 bytes); virtio; 0x1af4; mounted: /dev/vda on /; fixed disk\n",
-     R"j({"path": "/dev/vda", "attachment": "virtio", "removable": false, "fixed": true, "size_bytes": 274877906944,
-     "logical_block_size": 512, "vendor": "0x1af4", "model": null, "card": null, "backing_file": null,
-     "mounted": [{"device": "/dev/vda", "mount_point": "/"}], "format": "fixed disk", "class": null,
-     "file_system": null, "cluster_bytes": null})j"},
+     nullptr},
     {"SataDisk", "sda", "pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0",
      "dev=8:0;removable=0;size=1953525168;queue/logical_block_size=4096;device/vendor=ATA     ;"
      "device/model=WDC WD10EZEX-08W",
@@ -136,9 +121,7 @@ const disk_case disk_cases[] = {
      "mounted": [], "format": "fixed disk", "class": null, "file_system": null, "cluster_bytes": null})j"},
     {"MdArray", "md0", "", "dev=9:0;removable=0;size=3906764800;queue/logical_block_size=512", "",
      "an md RAID array", "/dev/md0: 1.8 TiB (2000263577600 bytes); md; fixed disk\n",
-     R"j({"path": "/dev/md0", "attachment": "md", "removable": false, "fixed": true, "size_bytes": 2000263577600,
-     "logical_block_size": 512, "vendor": null, "model": null, "card": null, "backing_file": null, "mounted": [],
-     "format": "fixed disk", "class": null, "file_system": null, "cluster_bytes": null})j"},
+     nullptr},
     {"LoopWithBackingFile", "loop3", "",
      "dev=7:3;removable=0;size=4194304;queue/logical_block_size=512;loop/backing_file=/srv/card \"2g\".img", "", "",
      "/dev/loop3: 2.0 GiB (2147483648 bytes); loop, /srv/card \"2g\".img; TNB, too small (--tca-relax formats it)\n",
@@ -213,6 +196,7 @@ TEST_P(Disks, GuardListAndJson) {
     EXPECT_EQ(all.result, QFS_OK);
     EXPECT_EQ(all.out, c.line + (fixed ? no_card_line : ""));
     EXPECT_EQ(qfs_test::run_main_flow({"--list"}).out, fixed ? no_card_line : c.line);
+    if (c.json == nullptr) return;
     const auto json = qfs_test::run_main_flow({"--list", "--json", "--all"});
     EXPECT_EQ(json.result, QFS_OK);
     EXPECT_TRUE(same_json(json.out, std::string(R"({"devices": [)") + c.json + "]}"));

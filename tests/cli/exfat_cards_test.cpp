@@ -78,7 +78,20 @@ TEST_P(ExfatCards, FormatReportAndIndependentChecks) {
         EXPECT_NE(info.find("Last sector: " + std::to_string(c.partition_start + c.partition_sectors - 1) + " "),
                   std::string::npos)
             << info;
-        EXPECT_NE(qfs_test::must_run({"sgdisk", "-p", path}).find("\n   1 "), std::string::npos);
+        for (const char *line : {"Partition GUID code: EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", "Partition name: 'Primary'",
+                                 "Attribute flags: 0000000000000000"})
+            EXPECT_NE(info.find(line), std::string::npos) << line;
+        const std::string listed = qfs_test::must_run({"sgdisk", "-p", path});
+        EXPECT_NE(listed.find("First usable sector is " + std::to_string(c.partition_start) + ", last usable sector is " +
+                              std::to_string(c.partition_start + c.partition_sectors - 1)),
+                  std::string::npos)
+            << listed;
+        EXPECT_NE(listed.find("\n   1 "), std::string::npos);
+        EXPECT_EQ(listed.find("\n   2 "), std::string::npos) << "exactly one partition";
+        // The protective MBR: one entry of type EE from sector 1 over all an MBR can address.
+        const std::vector<uint8_t> entry = {0, 0, 2, 0, 0xEE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF};
+        EXPECT_EQ(qfs_test::read_bytes(path, 446, 16), entry);
+        EXPECT_TRUE(qfs_test::all_zero(path, 462, 48));
     } else {
         ASSERT_TRUE(qfs_test::have_program("sfdisk"));
         const std::string table = qfs_test::must_run({"sfdisk", "-d", path});

@@ -77,19 +77,4 @@ cut_card::~cut_card() {
     cards.erase(device);
 }
 
-void cut_card::save(const std::string &path) const {
-    must_run({"cp", "--sparse=always", image_, path});
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << path;
-    for (const kept_write *w : landed_) {
-        // Zeros become a hole, so that a discard of the whole card costs nothing.
-        const bool done =
-            w->bytes.empty()
-                ? fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(w->position), off_t(w->length)) == 0
-                : pwrite(fd, w->bytes.data(), w->length, off_t(w->position)) == ssize_t(w->length);
-        EXPECT_TRUE(done) << "at " << w->position << ": " << strerror(errno);
-    }
-    close(fd);
-}
-
 } // namespace qfs_test

@@ -19,8 +19,6 @@ public:
     cut_card &operator=(const cut_card &) = delete;
 
     qfs_device *get() const { return handle_.get(); }
-    // The same card as a file, for checkers from outside (a sparse copy of the image).
-    void save(const std::string &path) const;
 
 private:
     friend struct cut_card_operations;
