@@ -1,6 +1,5 @@
-// Shared pieces of the FAT tests: a volume written from the engine's own
-// images at the layout's offsets, opened with the reader, and checked by
-// the generic tools.
+// Shared pieces of the FAT tests: a card's layout, a volume opened with the
+// reader, and fsck.fat's verdict.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -46,23 +45,6 @@ inline qfs_result plan_card(uint64_t sectors, bool relax, fat_layout *out, const
     return fat_format_plan_layout(request, facts, &card, monitor, out);
 }
 
-// The volume alone in a sparse file: boot region (and its FAT32 backup),
-// the first sector of each FAT, and the root directory.
-inline void write_volume(const std::string &path, const fat_layout &l, const fat_format_images &images) {
-    const uint64_t ss = l.sector_size;
-    qfs_test::make_sparse_image(path, l.sector_count * ss);
-    const auto put = [&](uint64_t sector, const qfs_buffer &buffer, size_t size) {
-        qfs_test::write_bytes(path, sector * ss, std::vector<uint8_t>(buffer.get(), buffer.get() + size));
-    };
-    put(0, images.boot_region, images.boot_region_size);
-    if (l.backup_boot_sector != 0) put(l.backup_boot_sector, images.boot_region, images.boot_region_size);
-    for (uint32_t copy = 0; copy < l.number_of_fats; ++copy) {
-        put(l.reserved_sectors + uint64_t(copy) * l.fat_sectors, images.fat_sector, images.fat_sector_size);
-    }
-    put(l.reserved_sectors + uint64_t(l.number_of_fats) * l.fat_sectors, images.root_directory,
-        images.root_directory_size);
-}
-
 // Opens `image` with the reader; the handles close on every path.
 class opened_volume {
   public:
@@ -81,7 +63,6 @@ class opened_volume {
         EXPECT_EQ(fat_volume_get_info(volume_, &i), QFS_OK);
         return i;
     }
-    std::string label() const { return fat_volume_get_label(volume_); }
 
   private:
     std::string image_;
