@@ -12,12 +12,17 @@
 
 namespace qfs_test {
 
+namespace {
+
+// The reason loop devices cannot be used here, or empty when they can.
 std::string loop_devices_unavailable() {
     if (geteuid() != 0) return "not running as root";
     if (access("/dev/loop-control", F_OK) != 0) return "/dev/loop-control is missing";
     if (!have_program("losetup")) return "losetup is not installed";
     return "";
 }
+
+} // namespace
 
 bool held_exclusively(const std::string &path) {
     const int fd = open(path.c_str(), O_RDONLY | O_EXCL);
@@ -26,10 +31,6 @@ bool held_exclusively(const std::string &path) {
         return false;
     }
     return errno == EBUSY;
-}
-
-std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not) {
-    return attach(image, why_not, options{});
 }
 
 std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not, const options &how) {

@@ -10,16 +10,18 @@
 
 namespace qfs_test {
 
+struct loop_options {
+    uint64_t offset = 0;      // first byte of the image the device shows (a partition seen on its own)
+    bool read_only = false;   // write-protected by the kernel, like a card with its lock switch set
+    uint32_t sector_size = 0; // logical sector size; 0 keeps the default of 512
+};
+
 class loop_device {
 public:
-    struct options {
-        uint64_t offset = 0;      // first byte of the image the device shows (a partition seen on its own)
-        bool read_only = false;   // write-protected by the kernel, like a card with its lock switch set
-        uint32_t sector_size = 0; // logical sector size; 0 keeps the default of 512
-    };
+    using options = loop_options;
     // Attaches `image`; null with `why_not` filled when loop devices cannot be had here.
-    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not);
-    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not, const options &how);
+    static std::unique_ptr<loop_device> attach(const std::string &image, std::string *why_not,
+                                               const options &how = {});
     ~loop_device();
     loop_device(const loop_device &) = delete;
     loop_device &operator=(const loop_device &) = delete;
@@ -39,9 +41,6 @@ private:
     std::vector<std::string> mount_points_;
     bool partitions_scanned_ = false;
 };
-
-// The reason loop devices cannot be used here, or empty when they can.
-std::string loop_devices_unavailable();
 
 // True when an exclusive open fails with EBUSY: someone (a mount, a formatter,
 // maybe the kernel) holds the block device.

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace qfs_test {
@@ -48,6 +49,41 @@ void close_fd(int &fd) {
     fd = -1;
 }
 
+// Reads `out_fd` and `err_fd` into their strings until both close, meanwhile
+// feeding `input` to `in_fd` (closed at once when empty); `after_out` runs
+// after each read of standard output. Every descriptor is closed on return.
+void pump(int out_fd, int err_fd, std::string *out, std::string *err, int in_fd, const std::string &input,
+          const std::function<void()> &after_out = {}) {
+    int fds[3] = {out_fd, err_fd, input.empty() ? (close(in_fd), -1) : in_fd};
+    std::string *sinks[2] = {out, err};
+    size_t input_done = 0;
+    char buffer[65536];
+    while (fds[0] >= 0 || fds[1] >= 0 || fds[2] >= 0) {
+        pollfd p[3];
+        for (int i = 0; i < 3; ++i) p[i] = {fds[i], short(i == 2 ? POLLOUT : POLLIN), 0};
+        if (poll(p, 3, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (p[2].revents) {
+            const ssize_t w = write(fds[2], input.data() + input_done, input.size() - input_done);
+            if (w <= 0 || (input_done += size_t(w)) == input.size()) close_fd(fds[2]);
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (!p[i].revents) continue;
+            const ssize_t got = read(fds[i], buffer, sizeof(buffer));
+            // A pty master reports EIO once the child side is closed.
+            if (got <= 0) {
+                close_fd(fds[i]);
+                continue;
+            }
+            sinks[i]->append(buffer, size_t(got));
+            if (i == 0 && after_out) after_out();
+        }
+    }
+    for (int &fd : fds) close_fd(fd);
+}
+
 } // namespace
 
 run_result run_command(const std::vector<std::string> &argv, const run_options &options) {
@@ -68,52 +104,8 @@ run_result run_command(const std::vector<std::string> &argv, const run_options &
     close(out_pipe[1]);
     close(err_pipe[1]);
     close(in_pipe[0]);
-    int in_fd = in_pipe[1];
-    size_t input_done = 0;
-    if (options.input.empty()) close_fd(in_fd);
-
     run_result result;
-    int fds[2] = {out_pipe[0], err_pipe[0]};
-    std::string *sinks[2] = {&result.out, &result.err};
-    char buffer[65536];
-    while (fds[0] >= 0 || fds[1] >= 0 || in_fd >= 0) {
-        pollfd p[3];
-        int n = 0;
-        int which[3];
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i] >= 0) {
-                p[n] = {fds[i], POLLIN, 0};
-                which[n++] = i;
-            }
-        }
-        if (in_fd >= 0) {
-            p[n] = {in_fd, POLLOUT, 0};
-            which[n++] = 2;
-        }
-        if (poll(p, static_cast<nfds_t>(n), -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int k = 0; k < n; ++k) {
-            if (!p[k].revents) continue;
-            if (which[k] == 2) {
-                const ssize_t w = write(in_fd, options.input.data() + input_done, options.input.size() - input_done);
-                if (w <= 0) {
-                    close_fd(in_fd);
-                } else if ((input_done += static_cast<size_t>(w)) == options.input.size()) {
-                    close_fd(in_fd);
-                }
-                continue;
-            }
-            const int i = which[k];
-            const ssize_t got = read(fds[i], buffer, sizeof(buffer));
-            if (got <= 0) {
-                close_fd(fds[i]);
-            } else {
-                sinks[i]->append(buffer, static_cast<size_t>(got));
-            }
-        }
-    }
+    pump(out_pipe[0], err_pipe[0], &result.out, &result.err, in_pipe[1], options.input);
     result.exit_status = wait_status(pid);
     result.pid = static_cast<int>(pid);
     return result;
@@ -147,46 +139,14 @@ pty_result run_in_pty(const std::vector<std::string> &argv, pty_size size,
     }
     close(err_pipe[1]);
     pty_result result;
-    int fds[2] = {master, err_pipe[0]};
-    char buffer[65536];
-    while (fds[0] >= 0 || fds[1] >= 0) {
-        pollfd p[2];
-        int n = 0;
-        int which[2];
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i] >= 0) {
-                p[n] = {fds[i], POLLIN, 0};
-                which[n++] = i;
-            }
-        }
-        if (poll(p, static_cast<nfds_t>(n), -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int k = 0; k < n; ++k) {
-            if (!p[k].revents) continue;
-            const int i = which[k];
-            const ssize_t got = read(fds[i], buffer, sizeof(buffer));
-            if (got <= 0) {
-                // A pty master reports EIO once the child side is closed.
-                close_fd(fds[i]);
-                continue;
-            }
-            if (i == 1) {
-                result.err.append(buffer, static_cast<size_t>(got));
-                continue;
-            }
-            result.output.append(buffer, static_cast<size_t>(got));
-            if (on_output) {
-                if (auto resize = on_output(result.output)) {
-                    struct winsize next {};
-                    next.ws_row = resize->rows;
-                    next.ws_col = resize->columns;
-                    ioctl(master, TIOCSWINSZ, &next);
-                }
-            }
-        }
-    }
+    pump(master, err_pipe[0], &result.output, &result.err, -1, "", [&] {
+        const std::optional<pty_size> resize = on_output ? on_output(result.output) : std::nullopt;
+        if (!resize) return;
+        struct winsize next {};
+        next.ws_row = resize->rows;
+        next.ws_col = resize->columns;
+        ioctl(master, TIOCSWINSZ, &next);
+    });
     result.exit_status = wait_status(pid);
     return result;
 }
