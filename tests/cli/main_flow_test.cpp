@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <regex>
+
 #include "cli/cli_texts.h"
 #include "harness/process.h"
 #include "harness/temp_files.h"
@@ -50,6 +52,9 @@ const whole_output_case whole_output_cases[] = {
      banner + "Error: Conflict between --progress-bar and --tca-formatter-progress options.\n" + help_text},
     {"ProgressBarWithoutTerminal", {"--progress-bar", "card.img"}, 1, "",
      banner + "Error: Cannot specify --progress-bar option when standard output does not refer to a terminal.\n"},
+    // A character device is asked for its partition start, which only a block device can answer.
+    {"CharacterDevice", {"/dev/zero"}, 1, "",
+     banner + "[ERROR] Error while getting device start sector: 25 (Inappropriate ioctl for device)\n"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cli, WholeOutput, ::testing::ValuesIn(whole_output_cases),
@@ -64,16 +69,48 @@ TEST(Cli, UsageNamesTheProgramByItsBaseName) {
     EXPECT_NE(r.err.find("usage: tarn-fmt [-l <volume label>]"), std::string::npos) << r.err;
 }
 
-TEST(Cli, MissingDeviceIsReportedAndNothingIsCreated) {
-    qfs_test::temp_dir dir;
-    const std::string path = dir.file("absent.img");
-    const auto r = qfs_test::run_tool({path});
-    EXPECT_EQ(r.exit_status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, banner + "[ERROR] Failed to stat device \"" + path + "\": 2 (No such file or directory)\n" +
-                         "[ERROR] Error while initializing device implementation: 2 (No such file or directory)\n"
-                         "[ERROR] Failed to create fat_device: 2 (No such file or directory)\n");
-    EXPECT_NE(access(path.c_str(), F_OK), 0);
+// Devices refused before a byte is written, the image keeping every byte.
+TEST(Cli, DevicesRefusedBeforeAnythingIsWritten) {
+    constexpr uint64_t absent = 0;
+    const std::string no_such = ": 2 (No such file or directory)\n";
+    struct device_case {
+        const char *name;
+        uint64_t bytes; // of the image; absent: none is created
+        std::string err; // after the banner; % stands for the device
+    };
+    const device_case cases[] = {
+        {"absent", absent, "[ERROR] Failed to stat device \"%\"" + no_such +
+                               "[ERROR] Error while initializing device implementation" + no_such +
+                               "[ERROR] Failed to create fat_device" + no_such},
+        // One whole sector: the card rules take the 33 sectors of their smallest layout off it, and the
+        // count wraps around.
+        {"1000 bytes", 1000,
+         "ERROR: Volume size is too big to be formatted as FAT16\n\t(Max cluster limit: 65525, Calculated: "
+         "2250700302057483).\n\tPlease try by reducing volume size or by\n\tincreasing sectors per cluster value.\n"
+         "ERROR: Number of clusters are not enough to make a\n\tFAT16 volume (Min expected: 4086, Got: 0).\n\tPlease "
+         "try by increasing volume size.\nFormatting failed!\n"},
+        // One sector past the largest FAT card is exFAT, but no exFAT row starts that low.
+        {"smallest exFAT card", 66945025 * 512ull,
+         "ERROR: 'tca-whole' - Device with 66945025 sectors is too small for TNE and too large for TNC "
+         "recommendations to apply.\nFormatting failed!\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        qfs_test::temp_dir dir;
+        const std::string image = dir.file("card.img");
+        if (c.bytes != absent) {
+            qfs_test::make_sparse_image(image, c.bytes);
+            qfs_test::write_bytes(image, 0, {0xEB, 0x3C, 0x90});
+            qfs_test::write_bytes(image, c.bytes - 3, {0x55, 0xAA, 0x5A});
+        }
+        const std::string before = c.bytes != absent ? qfs_test::image_fingerprint(image) : "";
+        const auto r = qfs_test::run_tool({"--tca-formatter-progress", image});
+        EXPECT_EQ(r.exit_status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, banner + std::regex_replace(c.err, std::regex("%"), image));
+        if (c.bytes != absent) EXPECT_EQ(qfs_test::image_fingerprint(image), before);
+        else EXPECT_NE(access(image.c_str(), F_OK), 0);
+    }
 }
 
 } // namespace
