@@ -63,6 +63,7 @@ TEST_F(CardSafety, ClosedStandardStreamsNeverBecomeTheCard) {
     const std::string args = " -v --tca-formatter-progress ";
     const std::string reference = new_card("reference.img");
     ASSERT_EQ(run_in_shell(quoted(qfs_test::tool_path()) + args + quoted(reference)).exit_status, 0);
+    expect_exfat_partition_clean(reference);
     clear_random_fields(reference);
     const std::string expected = qfs_test::image_fingerprint(reference);
 
@@ -71,9 +72,6 @@ TEST_F(CardSafety, ClosedStandardStreamsNeverBecomeTheCard) {
         const std::string image = new_card("card.img");
         const auto run = run_in_shell(quoted(qfs_test::tool_path()) + args + quoted(image) + " " + closing);
         EXPECT_EQ(run.exit_status, 0) << run.err;
-        const std::string table = qfs_test::must_run({"sfdisk", "-d", image});
-        EXPECT_NE(table.find("start=       32768, size=   134184960, type=7"), std::string::npos) << table;
-        expect_exfat_partition_clean(image);
         clear_random_fields(image);
         EXPECT_EQ(qfs_test::image_fingerprint(image), expected) << "the card differs from a run with every stream open";
     }
