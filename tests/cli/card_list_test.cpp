@@ -74,12 +74,6 @@ const disk_case disk_cases[] = {
      "oemid": "0x5344", "date": "01/2020"}, "backing_file": null, "mounted": [{"device": "/dev/mmcblk0p1",
      "mount_point": "/media/me/SD CARD"}], "format": "TNB, FAT32, 32 KiB clusters", "class": "TNB",
      "file_system": "FAT32", "cluster_bytes": 32768})j"},
-    {"UsbReaderWithCard", "sdb", "pci0000:00/0000:00:14.0/usb1/1-2/1-2:1.0/host3/target3:0:0/3:0:0:0",
-     "dev=8:16;removable=1;size=125042688;queue/logical_block_size=512;device/vendor=Generic ;"
-     "device/model=STORAGE DEVICE  ",
-     "", "", "/dev/sdb: 59.6 GiB (64021856256 bytes); usb, removable; Generic STORAGE DEVICE; TNC, exFAT, 128 KiB "
-     "clusters\n",
-     nullptr},
     {"UsbReaderWithoutCard", "sdc", "pci0000:00/0000:00:14.0/usb1/1-3/1-3:1.0/host4/target4:0:0/4:0:0:0",
      "dev=8:32;removable=1;size=0;queue/logical_block_size=512;device/vendor=Generic ;device/model=STORAGE DEVICE  ",
      "", "", "/dev/sdc: no card; usb, removable; Generic STORAGE DEVICE; no card\n",
@@ -96,9 +90,9 @@ const disk_case disk_cases[] = {
      nullptr},
     // A PCI card reader behind a SCSI host: only the removable mark tells it from a disk.
     {"PciCardReader", "sdf", "pci0000:00/0000:00:1c.4/0000:03:00.0/host7/target7:0:0/7:0:0:0",
-     "dev=8:80;removable=1;size=15523840;queue/logical_block_size=512;device/vendor=Generic-;device/model=SD/MMC CRW",
-     "", "",
-     "/dev/sdf: 7.4 GiB (7948206080 bytes); scsi, removable; Generic- SD/MMC CRW; TNB, FAT32, 32 KiB clusters\n",
+     "dev=8:80;removable=1;size=125042688;queue/logical_block_size=512;device/vendor=Generic-;device/model=SD/MMC CRW",
+     "", "", "/dev/sdf: 59.6 GiB (64021856256 bytes); scsi, removable; Generic- SD/MMC CRW; TNC, exFAT, 128 KiB "
+     "clusters\n",
      nullptr},
     {"NvmeDisk", "nvme0n1", "pci0000:00/0000:00:1d.0/0000:3d:00.0/nvme/nvme0",
      "dev=259:0;removable=0;size=976773168;queue/logical_block_size=512;device/model=Samsung SSD 970 EVO  ;"
