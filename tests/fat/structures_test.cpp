@@ -59,26 +59,23 @@ TEST(FatStructures, Fat32BootRegion) {
     ASSERT_EQ(fat_format_build_images(l, {nullptr, 0, &serial, false}, nullptr, &images), QFS_OK);
     ASSERT_EQ(images.boot_region_size, 3u * 4096);
     const std::vector<uint8_t> r(images.boot_region.get(), images.boot_region.get() + images.boot_region_size);
-    EXPECT_EQ(le(r, 11, 2), 4096u);
-    EXPECT_EQ(le(r, 17, 2) + le(r, 19, 2) + le(r, 22, 2), 0u);
-    EXPECT_EQ(le(r, 32, 4), 8183808u);
-    EXPECT_EQ(le(r, 36, 4), 999u);
-    EXPECT_EQ(le(r, 40, 4), 0u); // flags and version
-    EXPECT_EQ(le(r, 44, 4), 2u);
-    EXPECT_EQ(le(r, 48, 2), 1u);
-    EXPECT_EQ(le(r, 50, 2), 6u);
+    struct field {
+        size_t at;
+        int bytes;
+        uint32_t value;
+    };
+    // Sector size; no root entries, 16-bit counts or FAT16 FAT size; 8183808 sectors in FATs of 999;
+    // flags and version 0, root cluster 2, FSInfo in sector 1, the backup in 6; drive 80, signature 29.
+    // FSInfo: all clusters but the root's free, the next free one 3, its trail signature.
+    for (const field f : {field{11, 2, 4096}, {17, 2, 0}, {19, 2, 0}, {22, 2, 0}, {32, 4, 8183808}, {36, 4, 999},
+                          {40, 4, 0}, {44, 4, 2}, {48, 2, 1}, {50, 2, 6}, {64, 1, 0x80}, {66, 1, 0x29}, {510, 2, 0xAA55},
+                          {4096 + 488, 4, l.cluster_count - 1}, {4096 + 492, 4, 3}, {4096 + 508, 4, 0xAA550000}})
+        EXPECT_EQ(le(r, f.at, f.bytes), f.value) << "at " << f.at;
     EXPECT_TRUE(all_zero(r, 52, 12));
-    EXPECT_EQ(r[64], 0x80);
-    EXPECT_EQ(r[66], 0x29);
     EXPECT_EQ(text(r, 71, 19), "NO NAME    FAT32   ");
-    EXPECT_EQ(le(r, 510, 2), 0xAA55u);
     EXPECT_TRUE(all_zero(r, 512, 4096 - 512));
-    // FSInfo: signatures, all clusters but the root's free, next free cluster 3.
     EXPECT_EQ(text(r, 4096, 4), "RRaA");
     EXPECT_EQ(text(r, 4096 + 484, 4), "rrAa");
-    EXPECT_EQ(le(r, 4096 + 488, 4), l.cluster_count - 1);
-    EXPECT_EQ(le(r, 4096 + 492, 4), 3u);
-    EXPECT_EQ(le(r, 4096 + 508, 4), 0xAA550000u);
     // The third sector holds its signature at 510 whatever the sector size.
     EXPECT_TRUE(all_zero(r, 8192, 510));
     EXPECT_EQ(le(r, 8192 + 510, 2), 0xAA55u);
