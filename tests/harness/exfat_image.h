@@ -22,9 +22,7 @@ struct format_request {
     bool tca_whole = true;
     bool tca_relax = false;
     const uint32_t *cluster_size = nullptr; // without TCA only
-    const uint8_t *guid = nullptr;
     const uint8_t *flash_params = nullptr;
-    bool tca_partitioning_only = false;
     bool compare_before_write = false;
     // Images cannot tell their sector size; without the card tables the engine needs it given.
     const uint16_t *sector_size = nullptr;
@@ -44,8 +42,8 @@ inline qfs_result format_device(qfs_device *device, const format_request &reques
     }
     return exfat_format_volume(device, false, false, request.zero_data, false, request.compare_before_write,
                                request.discard, sector_size, nullptr, request.cluster_size, nullptr, nullptr, label,
-                               label_length, &request.serial, request.guid, request.flash_params, false,
-                               request.tca_whole, request.tca_relax, request.tca_partitioning_only, monitor);
+                               label_length, &request.serial, nullptr, request.flash_params, false,
+                               request.tca_whole, request.tca_relax, false, monitor);
 }
 
 // The same over an image file.

@@ -16,7 +16,6 @@ struct recorded_monitor {
     uint32_t cluster_size = 0;
     uint64_t total = 0, data_area = 0, free_space = 0;
     std::vector<uint32_t> percents;
-    std::vector<std::string> steps;
     format_monitor monitor{};
 
     recorded_monitor() {
@@ -31,10 +30,7 @@ struct recorded_monitor {
         monitor.data_area_size = [](void *c, uint64_t v) { self(c)->data_area = v; };
         monitor.free_space = [](void *c, uint64_t v) { self(c)->free_space = v; };
         monitor.label = [](void *c, const char *l) { self(c)->label = l; };
-        monitor.progress = [](void *c, uint32_t p, const char *t) {
-            self(c)->percents.push_back(p);
-            self(c)->steps.push_back(t);
-        };
+        monitor.progress = [](void *c, uint32_t p, const char *) { self(c)->percents.push_back(p); };
     }
     recorded_monitor(const recorded_monitor &) = delete;
     recorded_monitor &operator=(const recorded_monitor &) = delete;
