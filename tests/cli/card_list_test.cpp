@@ -77,9 +77,7 @@ const disk_case disk_cases[] = {
     {"UsbReaderWithoutCard", "sdc", "pci0000:00/0000:00:14.0/usb1/1-3/1-3:1.0/host4/target4:0:0/4:0:0:0",
      "dev=8:32;removable=1;size=0;queue/logical_block_size=512;device/vendor=Generic ;device/model=STORAGE DEVICE  ",
      "", "", "/dev/sdc: no card; usb, removable; Generic STORAGE DEVICE; no card\n",
-     R"j({"path": "/dev/sdc", "attachment": "usb", "removable": true, "fixed": false, "size_bytes": 0,
-     "logical_block_size": 512, "vendor": "Generic", "model": "STORAGE DEVICE", "card": null, "backing_file": null,
-     "mounted": [], "format": "no card", "class": null, "file_system": null, "cluster_bytes": null})j"},
+     nullptr},
     // A stick that calls itself fixed: being behind USB is enough.
     {"UsbStick", "sdd", "pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host5/target5:0:0/5:0:0:0",
      "dev=8:48;removable=0;size=30031872;queue/logical_block_size=512;device/vendor=SanDisk ;"
