@@ -265,7 +265,7 @@ qfs_result qfs_capacity_probe(qfs_device *device, uint64_t claimed_bytes, const 
             }
         }
         if (r != QFS_OK) return r;
-        p.report(restore_band.to, "Checking capacity");
+        if (verdict.genuine) p.report(restore_band.to, "Checking capacity");
         verdict.addresses = static_cast<uint32_t>(p.first_plan().addresses.size());
         verdict.bytes_written = p.written();
         verdict.microseconds = now_microseconds() - started;
