@@ -78,7 +78,7 @@ public:
     qfs_result put_back() {
         report(restore_band.from, "Putting back what the capacity check overwrote");
         const qfs_result r = journal_.restore(device_, &written_);
-        report(restore_band.to, "Putting back what the capacity check overwrote");
+        report(restore_band.to, "Capacity check done");
         return r;
     }
 
@@ -203,7 +203,7 @@ std::vector<uint64_t> merged(std::vector<uint64_t> a, const std::vector<uint64_t
 }
 
 // The probe itself; the verdict's real size is set for a fake card only.
-qfs_result probe(prober &p, uint64_t claimed, qfs_capacity_verdict *verdict) {
+qfs_result probe(prober &p, qfs_capacity_verdict *verdict) {
     std::vector<uint64_t> bad;
     qfs_result r = p.round(p.first_plan().addresses, first_band, &bad);
     if (r != QFS_OK || bad.empty()) return r;
@@ -231,7 +231,6 @@ qfs_result probe(prober &p, uint64_t claimed, qfs_capacity_verdict *verdict) {
     const uint64_t last_good = highest_good_below(second, bad_again, limit);
     verdict->genuine = false;
     verdict->real_bytes = last_good == none ? 0 : last_good + block_size;
-    (void)claimed;
     return QFS_OK;
 }
 
@@ -255,17 +254,15 @@ qfs_result qfs_capacity_probe(qfs_device *device, uint64_t claimed_bytes, const 
         }
         qfs_capacity_verdict verdict{true, claimed_bytes, claimed_bytes, 0, 0, 0};
         p.report(first_band.from, "Checking capacity");
-        r = probe(p, claimed_bytes, &verdict);
-        // A genuine card is formatted next and needs nothing back.
-        if (r != QFS_OK || !verdict.genuine) {
-            const qfs_result put = p.put_back();
-            if (put != QFS_OK) {
-                QFS_LOG_ERROR("The card could not be put back as it was: %lu (%s)", QFS_ERR_ARGS(put));
-                return put;
-            }
+        r = probe(p, &verdict);
+        // A genuine card gets its bytes back too: the format that follows may
+        // still refuse it (a bad label, a size between two classes).
+        const qfs_result put = p.put_back();
+        if (put != QFS_OK) {
+            QFS_LOG_ERROR("The card could not be put back as it was: %lu (%s)", QFS_ERR_ARGS(put));
+            return put;
         }
         if (r != QFS_OK) return r;
-        if (verdict.genuine) p.report(restore_band.to, "Checking capacity");
         verdict.addresses = static_cast<uint32_t>(p.first_plan().addresses.size());
         verdict.bytes_written = p.written();
         verdict.microseconds = now_microseconds() - started;

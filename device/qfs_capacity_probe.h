@@ -5,8 +5,8 @@
 // own address at addresses spread over the card, pushes them out of the
 // card's write cache, reads them back, confirms a failure by a second write
 // and read and narrows the real size to within 1% below it. Every byte it
-// overwrites is saved first to an unlinked temporary file; on a fake card or
-// when interrupted it puts them back, so that the card is as it was.
+// overwrites is saved first to an unlinked temporary file and put back at
+// the end, also when interrupted, so that the card is as it was.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +39,7 @@ struct qfs_capacity_verdict {
 };
 
 // Probes the first `claimed_bytes` of an open, writable device whose
-// transfers bypass the page cache. A fake card is put back before this
-// returns. QFS_ERR_SYS_INTERRUPTED when the hooks reported an interruption
-// (the card is put back then too).
+// transfers bypass the page cache, and puts the card back before it returns.
+// QFS_ERR_SYS_INTERRUPTED when the hooks reported an interruption.
 [[nodiscard]] qfs_result qfs_capacity_probe(qfs_device *device, uint64_t claimed_bytes,
                                             const qfs_capacity_hooks *hooks, qfs_capacity_verdict *out_verdict);
