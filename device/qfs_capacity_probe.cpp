@@ -9,6 +9,7 @@
 #include <map>
 #include <new>
 #include <random>
+#include <set>
 
 #include "device/qfs_capacity_internal.h"
 #include "device/qfs_device.h"
@@ -84,7 +85,9 @@ public:
 
     const plan &first_plan() const { return plan_; }
     uint64_t written() const { return written_; }
-    bool stop() const { return hooks_ != nullptr && hooks_->interrupted != nullptr && hooks_->interrupted(hooks_->context); }
+    bool stop() const {
+        return hooks_ != nullptr && hooks_->interrupted != nullptr && hooks_->interrupted(hooks_->context);
+    }
     void report(uint32_t percent, const char *text) const {
         if (hooks_ != nullptr && hooks_->progress != nullptr) hooks_->progress(hooks_->context, percent, text);
     }
@@ -100,7 +103,7 @@ private:
                 (*seen)[a] = {reading::foreign, 0};
                 return QFS_OK;
             }
-            saved_.insert({a, true});
+            saved_.insert(a);
         }
         stamp_block(buffer_.get(), a, tag_);
         if (qfs_device_write_exact(device_, a, block_size, buffer_.get()) != QFS_OK) {
@@ -166,7 +169,8 @@ private:
     void step(const char *text) {
         ++steps_done_;
         const uint64_t span = band_.to - band_.from;
-        const uint32_t percent = band_.from + static_cast<uint32_t>(span * steps_done_ / std::max<uint64_t>(steps_total_, 1));
+        const uint64_t share = span * steps_done_ / std::max<uint64_t>(steps_total_, 1);
+        const uint32_t percent = band_.from + static_cast<uint32_t>(share);
         if (percent != last_percent_) report(std::min(percent, band_.to), text);
         last_percent_ = percent;
     }
@@ -177,7 +181,7 @@ private:
     run_tag tag_{0, 0};
     aligned_buffer buffer_;
     journal journal_;
-    std::map<uint64_t, bool> saved_;
+    std::set<uint64_t> saved_;
     uint64_t flush_saved_ = 0;
     uint64_t flush_bytes_ = flush_bytes;
     uint64_t written_ = 0;
