@@ -88,7 +88,7 @@ qfs_result format_check_capacity(const char *path, const struct stat &info, uint
     qfs_capacity_verdict verdict{};
     const qfs_result r = probe(path, claimed_bytes, monitor, &verdict);
     if (r == QFS_ERR_SYS_INTERRUPTED) {
-        fputs("\nCapacity check interrupted: every block it wrote was put back, nothing was formatted.\n", stderr);
+        fputs("Capacity check interrupted: every block it wrote was put back, nothing was formatted.\n", stderr);
         fflush(stderr);
         return r;
     }
