@@ -25,6 +25,7 @@ struct format_options {
     uint32_t list_all;         // --all: list every whole disk
     uint32_t list_json;        // --json: list as one JSON document
     uint32_t allow_fixed_disk; // format a disk that takes no cards, after a warning
+    uint32_t check_capacity;   // make sure a card stores what it claims before formatting it
 };
 
 extern format_options format_tarn_options;

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "cli/banner.h"
+#include "cli/capacity_check.h"
 #include "cli/card_list.h"
 #include "cli/card_plan.h"
 #include "cli/fixed_disk_guard.h"
@@ -289,6 +290,11 @@ qfs_result format_device(const char *path, format_output_context &output) {
     }
     format_monitor monitor = make_monitor(&output);
     qfs_result r = QFS_OK;
+    // The card is still held from the inspection; not a byte of the format is written yet.
+    if (opts.check_capacity) {
+        r = format_check_capacity(path, st, sectors * 512, &monitor);
+        if (r != QFS_OK) return r;
+    }
     if (use_exfat) {
         r = format_tarn_exfat(path, opts.verbose, opts.force, opts.zero, discard_mode, opts.label_given, opts.label,
                               opts.tca_relax, &monitor);

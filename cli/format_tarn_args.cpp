@@ -41,11 +41,12 @@ const qfs_option format_tarn_option_table[] = {
     {0, 0, "all", QFS_OPTION_FLAG, nullptr, &o.list_all, nullptr, 1},
     {0, 0, "json", QFS_OPTION_FLAG, nullptr, &o.list_json, nullptr, 1},
     {0, 0, "allow-fixed-disk", QFS_OPTION_FLAG, nullptr, &o.allow_fixed_disk, nullptr, 1},
+    {0, 0, "check-capacity", QFS_OPTION_FLAG, nullptr, &o.check_capacity, nullptr, 1},
     // The positional device path.
     {1, 0, nullptr, QFS_OPTION_STRING, nullptr, &o.device, "device", 1},
 };
 const size_t format_tarn_option_count = sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]);
-static_assert(sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]) == 21);
+static_assert(sizeof(format_tarn_option_table) / sizeof(format_tarn_option_table[0]) == 22);
 
 bool format_parse_args(int argc, char **argv) {
     format_tarn_options = format_options{};

@@ -24,11 +24,12 @@ enum : uint64_t {
     QFS_DEVICE_FLAG_SHADOW = 32, // creation flag only, never stored
     QFS_DEVICE_FLAG_SYNC_WRITES = 64,
     QFS_DEVICE_FLAG_PHANTOM_ALLOWED = 128,
+    QFS_DEVICE_FLAG_DIRECT_IO = 256, // transfers bypass the page cache; buffers, positions and counts aligned
 };
 
 // Creation flags that are copied into the device's flags.
 inline constexpr uint64_t QFS_DEVICE_CREATION_FLAGS_KEPT =
-    QFS_DEVICE_FLAG_READ_ONLY | QFS_DEVICE_FLAG_NO_LOCKING | QFS_DEVICE_FLAG_SYNC_WRITES;
+    QFS_DEVICE_FLAG_READ_ONLY | QFS_DEVICE_FLAG_NO_LOCKING | QFS_DEVICE_FLAG_SYNC_WRITES | QFS_DEVICE_FLAG_DIRECT_IO;
 
 // Transfer flags.
 enum : uint32_t {

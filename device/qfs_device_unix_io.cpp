@@ -135,6 +135,9 @@ qfs_result qfs_device_unix_io_open(qfs_device_layer *layer) {
     if (device->flags & QFS_DEVICE_FLAG_SYNC_WRITES) {
         open_flags |= O_DSYNC;
     }
+    if (device->flags & QFS_DEVICE_FLAG_DIRECT_IO) {
+        open_flags |= O_DIRECT;
+    }
     const int fd = open(io->path, open_flags);
     if (fd < 0) {
         const qfs_result r = qfs_errno_result();

@@ -31,6 +31,7 @@ inline constexpr qfs_result QFS_ERR_INVALID_DATA = 0x7FFFFFF0;
 // are Linux's errno values, so a code from a failed system call compares
 // equal to the same name.
 inline constexpr qfs_result QFS_ERR_SYS_NO_ENTRY = 2;          // ENOENT
+inline constexpr qfs_result QFS_ERR_SYS_INTERRUPTED = 4;       // EINTR: the user stopped the run
 inline constexpr qfs_result QFS_ERR_SYS_IO = 5;                // EIO: an I/O failure or a short transfer
 inline constexpr qfs_result QFS_ERR_SYS_INTERNAL = 6;          // ENXIO, which the engines report as "internal error"
 inline constexpr qfs_result QFS_ERR_SYS_NO_MEMORY = 12;        // ENOMEM

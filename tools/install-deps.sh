@@ -10,13 +10,13 @@ what=${1:-test}
 packages=(cmake ninja-build g++ make)
 if [ "$what" = test ]; then
     packages+=(libgtest-dev libgmock-dev exfatprogs dosfstools gdisk fdisk e2fsprogs util-linux mtools time strace
-        groff-base man-db dpkg-dev python3)
+        groff-base man-db dpkg-dev python3 python3-fusepy fuse3)
 fi
 if [ "$what" = package ]; then
     packages+=(dpkg-dev)
 fi
 if [ "$what" = bench ]; then
-    packages+=(exfatprogs dosfstools coreutils time strace)
+    packages+=(exfatprogs dosfstools coreutils time strace f3 python3-fusepy fuse3)
 fi
 
 missing=()
