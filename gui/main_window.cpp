@@ -38,7 +38,7 @@ MainWindow::MainWindow(const QString &tool, const ToolLaunch &launch, QWidget *p
     notice_->setWordWrap(true);
     notice_->setVisible(!launch.problem.isEmpty());
     layout->addWidget(notice_);
-    layout->addWidget(build_card_box(), 1);
+    layout->addWidget(build_card_box());
     layout->addWidget(build_options_box());
     layout->addWidget(build_run_box(), 1);
     setCentralWidget(central);
@@ -68,13 +68,14 @@ QWidget *MainWindow::build_card_box() {
     auto *caption = new QLabel(tr("&Cards and card readers (the list follows what is plugged in):"));
     card_view_ = named(new QListView, "cards", tr("Cards"));
     card_view_->setModel(&cards_);
-    card_view_->setMinimumHeight(80);
+    card_view_->setMinimumHeight(60);
+    card_view_->setMaximumHeight(110); // room for a few readers; the rest of the height goes to the outcome
     caption->setBuddy(card_view_);
     becomes_ = named(new QLabel, "becomes", tr("What the card will become"));
     becomes_->setWordWrap(true);
     becomes_->setTextInteractionFlags(Qt::TextSelectableByKeyboard | Qt::TextSelectableByMouse);
     layout->addWidget(caption);
-    layout->addWidget(card_view_, 1);
+    layout->addWidget(card_view_);
     layout->addWidget(becomes_);
     connect(card_view_->selectionModel(), &QItemSelectionModel::currentChanged, this, [this](const QModelIndex &index) {
         if (const Card *card = cards_.card(index.row())) chosen_path_ = card->path;
@@ -100,12 +101,16 @@ QWidget *MainWindow::build_options_box() {
     method->addWidget(overwrite_);
     method->addStretch();
     form->addRow(tr("Method:"), method);
-    discard_ = named(new QCheckBox(tr("&Discard the old contents first (tells the card they are free)")), "discard",
+    discard_ = named(new QCheckBox(tr("&Discard the old contents first")), "discard",
                      tr("Discard the old contents first"));
-    check_capacity_ = named(new QCheckBox(tr("Check the card's real &capacity first (finds fake cards)")),
-                            "check_capacity", tr("Check the card's real capacity first"));
-    form->addRow(discard_);
-    form->addRow(check_capacity_);
+    discard_->setToolTip(tr("Tells the card that every block is free, which can keep a used card fast."));
+    check_capacity_ = named(new QCheckBox(tr("Check the real &capacity (finds fake cards)")), "check_capacity",
+                            tr("Check the card's real capacity first"));
+    auto *checks = new QHBoxLayout;
+    checks->addWidget(discard_);
+    checks->addWidget(check_capacity_);
+    checks->addStretch();
+    form->addRow(tr("Before:"), checks);
     return box;
 }
 
@@ -164,8 +169,9 @@ void MainWindow::ask_to_format() {
                                           tr("Format %1?").arg(card->path), QMessageBox::NoButton, this),
                           "confirmation", tr("Confirm formatting"));
     confirmation_->setInformativeText(
-        tr("%1 (%2, %3)\n\nEverything on it will be erased: every file and every partition. It will become %4.")
-            .arg(card->path, card->name.isEmpty() ? tr("unnamed") : card->name, card->size_text(), card->becomes));
+        tr("Device: %1\nModel: %2\nSize: %3\n\nEverything on it will be erased: every file and every partition. "
+           "It will become %4.")
+            .arg(card->path, card->name.isEmpty() ? tr("unknown") : card->name, card->size_text(), card->becomes));
     confirmation_->addButton(tr("&Erase and format"), QMessageBox::AcceptRole)->setObjectName("erase");
     confirmation_->setDefaultButton(confirmation_->addButton(QMessageBox::Cancel));
     confirmation_->setAttribute(Qt::WA_DeleteOnClose);

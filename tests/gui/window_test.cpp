@@ -122,7 +122,7 @@ private slots:
         format(0, "Photos", nullptr);
         auto *question = child<QMessageBox>(*window_, "confirmation");
         QCOMPARE(question->text(), "Format /dev/mmcblk0?");
-        QCOMPARE(question->informativeText(), "/dev/mmcblk0 (SD64G, 59.5 GiB)\n\nEverything on it will be erased: every "
+        QCOMPARE(question->informativeText(), "Device: /dev/mmcblk0\nModel: SD64G\nSize: 59.5 GiB\n\nEverything on it will be erased: every "
                                               "file and every partition. It will become TNC, exFAT, 128 KiB clusters.");
         question->button(QMessageBox::Cancel)->click();
         QTRY_VERIFY(!child<QMessageBox>(*window_, "confirmation"));
