@@ -49,12 +49,14 @@ CardListModel::CardListModel(QString tool, QObject *parent) : QAbstractListModel
         QList<Card> cards;
         if (how == QProcess::NormalExit && status == 0 && card_list_parse(lister_.readAllStandardOutput(), &cards)) {
             take(cards);
+            emit listed({});
         } else {
-            emit listing_failed(QString::fromLocal8Bit(lister_.readAllStandardError()).trimmed());
+            const QString why = QString::fromLocal8Bit(lister_.readAllStandardError()).trimmed();
+            emit listed(why.isEmpty() ? tr("%1 --list --json failed").arg(tool_) : why);
         }
     });
     connect(&lister_, &QProcess::errorOccurred, this, [this](QProcess::ProcessError e) {
-        if (e == QProcess::FailedToStart) emit listing_failed(tr("Cannot run %1: %2").arg(tool_, lister_.errorString()));
+        if (e == QProcess::FailedToStart) emit listed(tr("cannot run %1: %2").arg(tool_, lister_.errorString()));
     });
     connect(&timer_, &QTimer::timeout, this, &CardListModel::refresh);
     timer_.start(refresh_ms);

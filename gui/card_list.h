@@ -35,7 +35,7 @@ public:
     void refresh(); // runs the tool now unless a listing is under way
 
 signals:
-    void listing_failed(const QString &why);
+    void listed(const QString &problem); // after every listing; empty when it worked
 
 private:
     void take(const QList<Card> &cards);

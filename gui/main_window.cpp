@@ -49,10 +49,10 @@ MainWindow::MainWindow(const QString &tool, const ToolLaunch &launch, QWidget *p
         card_view_->setCurrentIndex(cards_.index(row < 0 ? 0 : row));
         card_changed();
     });
-    connect(&cards_, &CardListModel::listing_failed, this, [this](const QString &why) {
-        if (!launch_.problem.isEmpty()) return;
-        notice_->setText(tr("The cards cannot be listed: %1").arg(why));
-        notice_->setVisible(true);
+    connect(&cards_, &CardListModel::listed, this, [this](const QString &problem) {
+        const QString text = problem.isEmpty() ? launch_.problem : tr("The cards cannot be listed: %1").arg(problem);
+        notice_->setText(text);
+        notice_->setVisible(!text.isEmpty());
     });
     connect(&run_, &FormatRun::progress, this, [this](int percent, const QString &step) {
         progress_->setValue(percent);
@@ -175,17 +175,21 @@ void MainWindow::ask_to_format() {
     confirmation_->addButton(tr("&Erase and format"), QMessageBox::AcceptRole)->setObjectName("erase");
     confirmation_->setDefaultButton(confirmation_->addButton(QMessageBox::Cancel));
     confirmation_->setAttribute(Qt::WA_DeleteOnClose);
-    connect(confirmation_, &QMessageBox::finished, this, [this] {
+    connect(confirmation_, &QMessageBox::finished, this, [this, path = card->path] {
         const bool erase = confirmation_->clickedButton() && confirmation_->clickedButton()->objectName() == "erase";
         confirmation_ = nullptr;
-        if (erase) start_format();
+        if (erase) start_format(path);
     });
     confirmation_->open();
 }
 
-void MainWindow::start_format() {
-    const Card *card = chosen();
-    if (card == nullptr) return;
+// The card named in the question, even if the list changed while it was open.
+void MainWindow::start_format(const QString &path) {
+    const Card *card = cards_.card(cards_.row_of(path));
+    if (card == nullptr) {
+        result_->setPlainText(tr("%1 is gone. Nothing was formatted.").arg(path));
+        return;
+    }
     result_->clear();
     progress_->setValue(0);
     step_->setText(tr("Starting format_tarn…"));
@@ -217,6 +221,7 @@ void MainWindow::closeEvent(QCloseEvent *event) {
     if (answer == QMessageBox::Close) {
         quit_after_run_ = true;
         event->accept();
+        if (!run_.running()) emit may_quit(); // it ended while the question was open
     } else {
         event->ignore();
     }

@@ -38,7 +38,7 @@ private:
     void card_changed();
     void update_buttons();
     void ask_to_format();
-    void start_format();
+    void start_format(const QString &path);
     void show_outcome(const FormatOutcome &outcome);
 
     ToolLaunch launch_;

@@ -176,6 +176,26 @@ private slots:
         QCOMPARE(result(), "format_tarn stopped before it finished. The card is not formatted: format it again.");
     }
 
+    void closingDuringAFormatAsksThenLetsItFinish() {
+        script("PROGRESS:10/100 Overwriting the beginning of the device with zeroed data...\nWAIT\n", {}, 0);
+        open_window();
+        QSignalSpy quit(window_.get(), &MainWindow::may_quit);
+        format(0, {}, "erase");
+        QTRY_COMPARE(child<QProgressBar>(*window_, "progress")->value(), 10);
+        QTimer::singleShot(100, [] {
+            if (auto *question = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+                question->button(QMessageBox::Close)->click();
+            }
+        });
+        window_->close();
+        QVERIFY(!window_->isVisible());
+        QTest::qWait(300);
+        QCOMPARE(quit.size(), 0); // the tool still runs
+        put(file("go"), {});
+        QTRY_COMPARE(quit.size(), 1);
+        QCOMPARE(step(), "Done");
+    }
+
     void runsTheToolThroughPkexecUnlessRoot() {
         QCOMPARE(tool_launch("/usr/sbin/format_tarn", true, {}, {}).program, "/usr/sbin/format_tarn");
         const ToolLaunch user = tool_launch("/usr/sbin/format_tarn", false, "/usr/bin/pkexec", "/a.policy");
