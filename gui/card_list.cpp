@@ -63,6 +63,13 @@ CardListModel::CardListModel(QString tool, QObject *parent) : QAbstractListModel
     refresh();
 }
 
+// A listing only reads, so one under way is simply stopped.
+CardListModel::~CardListModel() {
+    lister_.disconnect();
+    lister_.kill();
+    lister_.waitForFinished();
+}
+
 void CardListModel::refresh() {
     if (lister_.state() != QProcess::NotRunning) return;
     lister_.start(tool_, {"--list", "--json"});

@@ -28,6 +28,7 @@ class CardListModel : public QAbstractListModel {
     Q_OBJECT
 public:
     CardListModel(QString tool, QObject *parent = nullptr);
+    ~CardListModel() override;
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
     const Card *card(int row) const;
