@@ -104,7 +104,7 @@ QWidget *MainWindow::build_options_box() {
     discard_ = named(new QCheckBox(tr("&Discard the old contents first")), "discard",
                      tr("Discard the old contents first"));
     discard_->setToolTip(tr("Tells the card that every block is free, which can keep a used card fast."));
-    check_capacity_ = named(new QCheckBox(tr("Check the real &capacity (finds fake cards)")), "check_capacity",
+    check_capacity_ = named(new QCheckBox(tr("Check the &real capacity (finds fake cards)")), "check_capacity",
                             tr("Check the card's real capacity first"));
     auto *checks = new QHBoxLayout;
     checks->addWidget(discard_);
@@ -154,11 +154,8 @@ void MainWindow::update_buttons() {
     const Card *card = chosen();
     const bool label_ok = card && label_fits(card->file_system, label_->text());
     format_->setEnabled(!run_.running() && launch_.problem.isEmpty() && card && card->formattable() && label_ok);
-    for (QWidget *w : {static_cast<QWidget *>(card_view_), static_cast<QWidget *>(label_), static_cast<QWidget *>(quick_),
-                       static_cast<QWidget *>(overwrite_), static_cast<QWidget *>(discard_),
-                       static_cast<QWidget *>(check_capacity_)}) {
-        w->setEnabled(!run_.running());
-    }
+    const QList<QWidget *> inputs{card_view_, label_, quick_, overwrite_, discard_, check_capacity_};
+    for (QWidget *input : inputs) input->setEnabled(!run_.running());
     label_->setToolTip(card && !label_ok ? tr("%1 cannot store this label.").arg(card->file_system) : QString());
 }
 
