@@ -27,6 +27,15 @@ using words = std::set<std::string>;
 
 const std::string manual = QFS_SOURCE_DIR "/doc/format_tarn.8";
 const std::string version = "1.0.3"; // as the banner shows it
+// What the desktop front end adds to an install, in a tree configured with Qt 6.
+#ifdef QFS_WITH_GUI
+const std::map<std::string, unsigned> gui_files{{"bin/format_tarn_gui", 0755},
+                                                {"share/applications/format_tarn_gui.desktop", 0644},
+                                                {"share/icons/hicolor/scalable/apps/format_tarn_gui.svg", 0644},
+                                                {"share/polkit-1/actions/org.tarncard.format-tarn.policy", 0644}};
+#else
+const std::map<std::string, unsigned> gui_files;
+#endif
 
 words words_of(const std::string &text) {
     std::istringstream in(text);
@@ -70,9 +79,16 @@ TEST(Install, PutsTheToolItsManualAndItsCompletionUnderThePrefixAndNothingElse) 
         const fs::file_status status = entry.symlink_status();
         if (!fs::is_directory(status)) modes[fs::relative(entry, prefix.path())] = unsigned(status.permissions());
     }
-    EXPECT_EQ(modes, (std::map<std::string, unsigned>{{"sbin/format_tarn", 0755},
-                                                      {"share/man/man8/format_tarn.8", 0644},
-                                                      {"share/bash-completion/completions/format_tarn", 0644}}));
+    std::map<std::string, unsigned> expected{{"sbin/format_tarn", 0755},
+                                             {"share/man/man8/format_tarn.8", 0644},
+                                             {"share/bash-completion/completions/format_tarn", 0644}};
+    for (const auto &[path, mode] : gui_files) expected[path] = mode;
+    EXPECT_EQ(modes, expected);
+    if (!gui_files.empty()) { // pkexec only runs the tool that the polkit action names
+        std::ifstream policy(prefix.file("share/polkit-1/actions/org.tarncard.format-tarn.policy"));
+        const std::string text{std::istreambuf_iterator<char>(policy), {}};
+        EXPECT_NE(text.find(">" + prefix.file("sbin/format_tarn") + "</annotate>"), std::string::npos) << text;
+    }
 }
 
 TEST(ManualPage, PassesGroffShowsTheUsageLineAndDocumentsEveryOption) {
@@ -148,8 +164,10 @@ TEST(Package, InstallsWithDpkgAndLeavesNothingBehind) {
     for (const std::string &path : words_of(must_run({"dpkg", "-L", "format-tarn"}))) {
         if (!fs::is_directory(path)) files.insert(path);
     }
-    EXPECT_EQ(files, (words{"/usr/sbin/format_tarn", "/usr/share/man/man8/format_tarn.8",
-                            "/usr/share/bash-completion/completions/format_tarn"}));
+    words expected{"/usr/sbin/format_tarn", "/usr/share/man/man8/format_tarn.8",
+                   "/usr/share/bash-completion/completions/format_tarn"};
+    for (const auto &file : gui_files) expected.insert("/usr/" + file.first);
+    EXPECT_EQ(files, expected);
     must_run({"dpkg", "--purge", "format-tarn"});
     for (const std::string &path : files) EXPECT_FALSE(fs::exists(fs::symlink_status(path))) << path;
 }
