@@ -144,6 +144,13 @@ TEST_F(OptionParser, ValuesBeginningWithADashAndRepeatsAndEndOfOptions) {
     ASSERT_EQ(outcome.ok, 1) << outcome.err;
     EXPECT_STREQ(v.text, "later");
 
+    // A repeated list replaces the earlier one, which the sanitizer build would report if it leaked.
+    reset();
+    outcome = parse({"--list", "1,2", "--list", "3", "a", "b"});
+    ASSERT_EQ(outcome.ok, 1);
+    ASSERT_EQ(v.list.count, 1u);
+    EXPECT_EQ(v.list.elements[0], 3u);
+
     reset();
     outcome = parse({"-t", "-x", "a", "b"});
     ASSERT_EQ(outcome.ok, 1);
