@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, only those
 # that are missing. Pass "build" for the tool alone, "test" (default) for
-# the tests and their independent checkers as well, "package" for the tool
+# the tests, the fuzz targets (clang and its libFuzzer) and the tests'
+# independent checkers as well, "package" for the tool
 # and its Debian package (cpack -G DEB), "bench" for the benchmarks
 # (bench/run_benchmarks.sh) and the programs they compare with.
 set -euo pipefail
@@ -10,7 +11,7 @@ what=${1:-test}
 packages=(cmake ninja-build g++ make)
 if [ "$what" = test ]; then
     packages+=(libgtest-dev libgmock-dev exfatprogs dosfstools gdisk fdisk e2fsprogs util-linux mtools time strace
-        groff-base man-db dpkg-dev python3)
+        groff-base man-db dpkg-dev python3 clang libclang-rt-14-dev)
 fi
 if [ "$what" = package ]; then
     packages+=(dpkg-dev)
