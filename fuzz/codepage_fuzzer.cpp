@@ -9,13 +9,11 @@
 #include <cstring>
 #include <vector>
 
+#include "support/qfs_codepage_tables.h"
 #include "support/qfs_memory.h"
 #include "support/qfs_unistr.h"
 
 namespace {
-
-constexpr uint32_t code_pages[] = {437, 737, 775, 850, 852, 855, 857, 860, 861, 862,
-                                   863, 864, 865, 866, 869, 874, 932, 936, 949, 950};
 
 // A broken promise is a crash, so that the input is kept.
 void require(bool holds) {
@@ -89,9 +87,8 @@ void round_trip_utf8(uint32_t code_page, int graphics, const uint8_t *data, size
 // the rest is the text. One pair of conversions a run keeps the runs fast.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    constexpr size_t page_count = sizeof(code_pages) / sizeof(code_pages[0]);
-    const uint32_t code_page = code_pages[data[0] % page_count];
-    const int graphics = (data[0] / page_count) & 1;
+    const uint32_t code_page = qfs_codepage_tables[data[0] % qfs_codepage_tables_count].codepage;
+    const int graphics = (data[0] / qfs_codepage_tables_count) & 1;
     round_trip_utf8(code_page, graphics, data + 1, size - 1);
     read_raw_bytes(code_page, graphics, data + 1, size - 1);
     return 0;

@@ -10,11 +10,9 @@
 #include "fuzz/fuzz_cards.h"
 #include "fuzz/memory_device.h"
 #include "fuzz/zero_runs.h"
+#include "support/qfs_codepage_tables.h"
 
 namespace {
-
-constexpr uint32_t code_pages[] = {437, 737, 775, 850, 852, 855, 857, 860, 861, 862,
-                                   863, 864, 865, 866, 869, 874, 932, 936, 949, 950};
 
 void open_volume(fuzz_memory_card *card, uint64_t device_flags, uint32_t flags) {
     qfs_device_owner device;
@@ -33,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_memory_card card;
     card.device_bytes = FUZZ_FAT_CARD.bytes;
     fuzz_zero_runs_decode(data, size, &card);
-    const uint32_t code_page = code_pages[size % (sizeof(code_pages) / sizeof(code_pages[0]))];
+    const uint32_t code_page = qfs_codepage_tables[size % qfs_codepage_tables_count].codepage;
     open_volume(&card, QFS_DEVICE_FLAG_READ_ONLY, FAT_VOLUME_READ_ONLY | code_page << FAT_VOLUME_CODEPAGE_SHIFT);
     open_volume(&card, 0, 437u << FAT_VOLUME_CODEPAGE_SHIFT);
     return 0;

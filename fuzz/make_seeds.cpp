@@ -14,6 +14,7 @@
 #include "fuzz/fuzz_cards.h"
 #include "fuzz/memory_device.h"
 #include "fuzz/zero_runs.h"
+#include "support/qfs_codepage_tables.h"
 #include "support/qfs_logging.h"
 
 namespace {
@@ -133,8 +134,8 @@ int main(int argc, char **argv) {
     }
     // Each text in each code page (the first byte picks it), graphics characters on for every other one.
     for (size_t i = 0; i < label_texts.size(); ++i) {
-        for (uint8_t page = 0; page < 20; ++page) {
-            const char selector = char(page + (i % 2) * 20);
+        for (size_t page = 0; page < qfs_codepage_tables_count; ++page) {
+            const char selector = char(page + (i % 2) * qfs_codepage_tables_count);
             ok &= write_seed(corpus / "codepage", "text_" + std::to_string(i) + "_" + std::to_string(page),
                              bytes_of(selector + label_texts[i]));
         }
