@@ -147,7 +147,7 @@ void trace_inputs(const format_inputs &in) {
               "volume_guid=%p flash_params=%p tca_strict=%d tca_whole=%d tca_relax=%d tca_partitioning_only=%d "
               "monitor=%p",
               static_cast<void *>(in.dev), in.force, in.zero_data, in.no_sync, static_cast<int>(in.discard_method),
-              static_cast<const void *>(in.in_sector_size), in.in_sector_size ? *in.in_sector_size : 0,
+              static_cast<const void *>(in.in_sector_size), static_cast<unsigned short>(in.in_sector_size ? *in.in_sector_size : 0),
               static_cast<const void *>(in.in_sector_count),
               static_cast<unsigned long long>(in.in_sector_count ? *in.in_sector_count : 0),
               static_cast<const void *>(in.in_cluster_size),

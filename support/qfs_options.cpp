@@ -101,7 +101,10 @@ bool store_value(const qfs_option &option, char **argv, int value_index, const c
             print_invalid_value(option_as_typed, text);
             return false;
         }
-        *static_cast<qfs_uint_list *>(option.value) = list;
+        // A repeated option replaces the list, and the earlier one has no other owner.
+        auto *stored = static_cast<qfs_uint_list *>(option.value);
+        qfs_free(stored->elements);
+        *stored = list;
         return true;
     }
     case QFS_OPTION_STRING:

@@ -29,6 +29,8 @@ struct qfs_option {
     uint32_t mandatory;     // 0: using this option switches off the missing-positional check
 };
 
+// A list value replaces and frees the one stored before it (a repeated
+// option), so a list must start zeroed.
 struct qfs_uint_list {
     uint32_t *elements; // owned; release with qfs_free
     size_t count;

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, only those
 # that are missing. Pass "build" for the tool alone, "test" (default) for
-# the tests and their independent checkers as well as Qt 6 for the desktop
-# front end and Xvfb (with a font) for its end-to-end test, "package" for the tool
+# the tests and their independent checkers, the fuzz targets (clang and its
+# libFuzzer), Qt 6 for the desktop front end and Xvfb (with a font) for its
+# end-to-end test, "package" for the tool
 # and its Debian package (cpack -G DEB), "bench" for the benchmarks
 # (bench/run_benchmarks.sh) and the programs they compare with.
 set -euo pipefail
@@ -12,7 +13,7 @@ packages=(cmake ninja-build g++ make)
 if [ "$what" = test ]; then
     packages+=(libgtest-dev libgmock-dev exfatprogs dosfstools gdisk fdisk e2fsprogs util-linux mtools time strace
         groff-base man-db dpkg-dev python3 python3-fusepy fuse3
-        qt6-base-dev xvfb xauth fonts-dejavu-core)
+        qt6-base-dev xvfb xauth fonts-dejavu-core clang libclang-rt-14-dev)
 fi
 if [ "$what" = package ]; then
     packages+=(dpkg-dev)
