@@ -13,7 +13,11 @@
 #     --first-kill        stop a suite run at its first failing test: faster,
 #                         but names only one killer
 #     --no-clean-run      skip the suite run without mutants (default limit 900 s)
+#     --exclude REGEX     leave out the tests ctest -E would (say, tests that
+#                         change the system and race with other runs on it)
 #
+# A failure counts as a kill only when the failed tests fail again on a
+# second run of theirs; a test that passes then was flaky, and is reported.
 # Every mutated file is restored after its run, also when the script fails or
 # is interrupted. The build lives in build/mutate, the logs in build/mutate/mutants.
 set -euo pipefail
@@ -25,6 +29,7 @@ limit=0
 jobs=2
 first_kill=0
 clean_run=1
+exclude=""
 names=()
 while [ $# -gt 0 ]; do
     case $1 in
@@ -33,7 +38,8 @@ while [ $# -gt 0 ]; do
     --jobs) jobs=$2; shift 2 ;;
     --first-kill) first_kill=1; shift ;;
     --no-clean-run) clean_run=0; shift ;;
-    -h | --help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --exclude) exclude=$2; shift 2 ;;
+    -h | --help) sed -n '2,24p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     -*) echo "unknown option $1" >&2; exit 2 ;;
     *) names+=("$1"); shift ;;
     esac
@@ -69,16 +75,16 @@ build_tree() {
     cmake --build "$build" -j"$jobs" >"$1" 2>&1
 }
 
-# Runs ctest in a process group of its own, so that a run over its time limit
-# ends with every test it started. Answers 0 (all passed), 1 (some failed) or
-# 124 (time limit).
+# Runs ctest (with the arguments given after the log) in a process group of
+# its own, so that a run over the time limit ends with every test it started.
+# Answers 0 (all passed), 1 (some failed) or 124 (time limit).
 run_suite() {
-    local log=$1 started=$SECONDS stop=()
-    [ "$first_kill" = 1 ] && stop=(--stop-on-failure)
-    setsid ctest --test-dir "$build" -j"$jobs" "${stop[@]}" >"$log" 2>&1 &
+    local log=$1 started=$SECONDS
+    shift
+    setsid ctest --test-dir "$build" -j"$jobs" --output-on-failure "$@" >"$log" 2>&1 &
     suite_group=$!
     while kill -0 "$suite_group" 2>/dev/null; do
-        if [ "$limit" -gt 0 ] && [ $((SECONDS - started)) -ge "$limit" ]; then
+        if [ $((SECONDS - started)) -ge "$limit" ]; then
             stop_suite
             sleep 5
             echo "Time limit of $limit s reached." >>"$log"
@@ -97,20 +103,42 @@ failed_tests() {
     sed -n '/The following tests FAILED:/,$p' "$1" | sed -n -E 's/^[[:space:]]+[0-9]+ - (.*) \([^)]*\)$/\1/p'
 }
 
+# Runs the suite over the built mutant and sets `outcome`. A failure is
+# confirmed by running the failed tests again; tests that pass then were
+# flaky, and the suite runs once more without them.
+judge() {
+    local name=$1 log=$logs/$1.log skip=$exclude status=0 stop=() killers failed
+    [ "$first_kill" = 1 ] && stop=(--stop-on-failure)
+    while :; do
+        status=0
+        run_suite "$log" ${skip:+-E "$skip"} "${stop[@]}" || status=$?
+        [ "$status" = 0 ] && { outcome="SURVIVED${flaky:+ (flaky: $flaky)}"; return; }
+        killers=$(failed_tests "$log" | paste -sd ' ' -)
+        [ "$status" = 124 ] && { outcome="killed (time limit): $killers"; return; }
+        failed="^($(failed_tests "$log" | paste -sd '|' -))\$"
+        status=0
+        run_suite "$logs/$name.again.log" -R "$failed" || status=$?
+        [ "$status" = 0 ] || { outcome="killed by $killers"; return; }
+        flaky="${flaky:+$flaky }$killers"
+        skip="${skip:+$skip|}$failed"
+    done
+}
+
 echo "Configuring and building $build..."
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQFS_WERROR=OFF >"$logs/configure.log" 2>&1
 build_tree "$logs/build.log" || { echo "The unmutated tree does not build: $logs/build.log" >&2; exit 1; }
 if [ "$clean_run" = 1 ]; then
     echo "Running the suite without mutants..."
     started=$SECONDS
-    if ! run_suite "$logs/clean.log"; then
+    [ "$limit" -gt 0 ] || limit=3600
+    if ! run_suite "$logs/clean.log" ${exclude:+-E "$exclude"}; then
         echo "The suite fails without mutants; see $logs/clean.log:" >&2
         failed_tests "$logs/clean.log" >&2
         exit 1
     fi
     clean_seconds=$((SECONDS - started))
     echo "Clean run: $clean_seconds s."
-    [ "$limit" -gt 0 ] || limit=$((clean_seconds * 3 > 120 ? clean_seconds * 3 : 120))
+    [ "$limit" != 3600 ] || limit=$((clean_seconds * 3 > 120 ? clean_seconds * 3 : 120))
 fi
 [ "$limit" -gt 0 ] || limit=900
 
@@ -133,22 +161,16 @@ for name in "${names[@]}"; do
     mutated=$file
     helper apply "$list" "$name" "$root"
     outcome=""
-    if ! build_tree "$log"; then
+    flaky=""
+    if ! build_tree "$logs/$name.build.log"; then
         outcome="not built"
         unbuilt=$((unbuilt + 1))
     else
-        status=0
-        run_suite "$log" || status=$?
-        if [ "$status" = 0 ]; then
-            outcome="SURVIVED"
-            survived=$((survived + 1))
-            survivors+=("$name")
-        else
-            killers=$(failed_tests "$log" | paste -sd ' ' -)
-            [ "$status" = 124 ] && killers="(time limit) $killers"
-            outcome="killed by $(failed_tests "$log" | wc -l) test(s): $killers"
-            killed=$((killed + 1))
-        fi
+        judge "$name"
+        case $outcome in
+        killed*) killed=$((killed + 1)) ;;
+        *) survived=$((survived + 1)); survivors+=("$name") ;;
+        esac
     fi
     restore
     line="[$index/$count] $name ($file; $fault): $outcome [$((SECONDS - started)) s]"
