@@ -35,10 +35,6 @@ class FatVolume : public testing::Test {
     std::string image_ = dir_.file("volume.img");
 };
 
-} // namespace
-
-namespace {
-
 struct mkfs_case {
     const char *fat_size, *label, *kib;
     uint8_t fat_type;
