@@ -51,9 +51,7 @@ TEST_F(UnixIoLoop, PartitionStartComesFromSysfs) {
     if (!qfs_test::have_program("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
     const std::string image = make_image();
     // One partition at sector 2048, 8192 sectors long.
-    qfs_test::run_options input;
-    input.input = "start=2048, size=8192, type=83\n";
-    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, input).exit_status, 0);
+    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, {{}, "start=2048, size=8192, type=83\n"}).exit_status, 0);
     QFS_ATTACH_LOOP_OR_SKIP(loop, image);
     loop->scan_partitions();
 
