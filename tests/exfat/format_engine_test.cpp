@@ -18,8 +18,6 @@ constexpr uint64_t mib = 1048576;
 
 class ExfatEngine : public testing::Test {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
     qfs_test::temp_dir dir;
     std::string image(uint64_t bytes, const char *name = "volume.img") {
         const std::string path = dir.file(name);

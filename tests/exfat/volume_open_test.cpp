@@ -62,8 +62,6 @@ uint64_t free_by_hand(const image_layout &l) {
 
 class VolumeOpen : public testing::Test {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
 
     // A volume at byte 0 of a sparse image, formatted by the engine without the card tables.
     void format(uint64_t bytes_total, const std::u16string *label = nullptr, uint16_t sector_size = 512,

@@ -26,12 +26,7 @@ inline void open_device(device_handle &device, const std::string &path, uint64_t
     ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
 }
 
-// Every test here keeps its log lines out of the kernel log.
-class device_test : public testing::Test {
-protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
-};
+using device_test = testing::Test;
 
 // A byte sequence with period 251, so a byte moved by any power of two shows.
 inline std::vector<uint8_t> pattern(size_t length, uint64_t first = 0) {

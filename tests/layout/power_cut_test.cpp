@@ -415,8 +415,6 @@ void fsck_agrees(const card_case &card, const std::string &old_card, const lande
 
 class PowerCut : public testing::TestWithParam<card_case> {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
 };
 
 TEST_P(PowerCut, EveryStateIsBlankOldOrNew) {

@@ -12,11 +12,7 @@
 
 namespace {
 
-class CodepageTest : public testing::Test {
-protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
-};
+using CodepageTest = testing::Test;
 
 constexpr uint32_t all_pages[] = {437, 737, 775, 850, 852, 855, 857, 860, 861, 862,
                                   863, 864, 865, 866, 869, 874, 932, 936, 949, 950};
