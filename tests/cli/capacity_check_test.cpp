@@ -77,8 +77,7 @@ TEST(CapacityCheck, GenuineCardPassesAndIsFormatted) {
                                                           "[0-9.]+ [GM]iB \\([0-9]+ bytes\\) read back right in ")))
             << run.err;
         loop->scan_partitions();
-        const auto fsck = qfs_test::run_command({card.fsck, "-n", loop->partition(1)});
-        EXPECT_EQ(fsck.exit_status, 0) << fsck.out << fsck.err;
+        qfs_test::expect_clean({card.fsck, "-n", loop->partition(1)});
     }
 }
 

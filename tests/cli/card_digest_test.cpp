@@ -27,7 +27,6 @@ constexpr digest_case cases[] = {
 };
 
 TEST(CardDigest, WholeCardsWithAFixedRandomSource) {
-    qfs_log_set_kmsg_enabled(false);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         qfs_test::temp_dir dir;
@@ -40,7 +39,6 @@ TEST(CardDigest, WholeCardsWithAFixedRandomSource) {
         ASSERT_EQ(r.result, QFS_OK) << r.err;
         EXPECT_EQ(qfs_test::image_fingerprint(path), c.fingerprint);
     }
-    qfs_log_set_kmsg_enabled(true);
 }
 
 } // namespace

@@ -154,14 +154,10 @@ void build_tree(const std::string &root, const disk_case &c) {
 class FakeSysfs : public ::testing::Test {
 protected:
     void SetUp() override {
-        qfs_log_set_kmsg_enabled(false);
         fs::create_directories(dir_.file("block"));
         format_tarn_set_system_paths(&paths_);
     }
-    void TearDown() override {
-        format_tarn_set_system_paths(nullptr);
-        qfs_log_set_kmsg_enabled(true);
-    }
+    void TearDown() override { format_tarn_set_system_paths(nullptr); }
 
     qfs_test::temp_dir dir_;
     const std::string mount_table_ = dir_.file("mountinfo");

@@ -45,8 +45,7 @@ void clear_random_fields(const std::string &image) {
 
 void expect_exfat_partition_clean(const std::string &image) {
     QFS_ATTACH_LOOP_OR_SKIP(partition, image, {.offset = partition_start * 512, .read_only = true});
-    const auto fsck = qfs_test::run_command({"fsck.exfat", "-n", partition->path()});
-    EXPECT_EQ(fsck.exit_status, 0) << fsck.out << fsck.err;
+    qfs_test::expect_clean({"fsck.exfat", "-n", partition->path()});
 }
 
 class CardSafety : public testing::Test {
@@ -147,8 +146,7 @@ TEST_F(CardSafety, CardIsHeldFromTheCheckToTheEndOfTheRun) {
     // Released after the run: the partition can be added and read. This
     // kernel has no partition-table parsers of its own, so partx adds it.
     loop->scan_partitions();
-    const auto fsck = qfs_test::run_command({"fsck.exfat", "-n", loop->partition(1)});
-    EXPECT_EQ(fsck.exit_status, 0) << fsck.out << fsck.err;
+    qfs_test::expect_clean({"fsck.exfat", "-n", loop->partition(1)});
 }
 
 struct sector_case {
@@ -182,8 +180,7 @@ TEST_F(CardSafety, PartitionTableCountsInTheDevicesOwnSectors) {
         const std::string listed = qfs_test::must_run({"partx", "-g", "-o", "START,SECTORS", loop->path()});
         EXPECT_EQ(listed, std::to_string(c.start) + " " + std::to_string(c.count) + "\n");
         loop->scan_partitions();
-        const auto fsck = qfs_test::run_command({"fsck.exfat", "-n", loop->partition(1)});
-        EXPECT_EQ(fsck.exit_status, 0) << fsck.out << fsck.err;
+        qfs_test::expect_clean({"fsck.exfat", "-n", loop->partition(1)});
     }
 }
 

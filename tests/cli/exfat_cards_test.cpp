@@ -37,8 +37,7 @@ struct card_case {
 // Opens the card's partition read-only with the tool's own volume code.
 void expect_reader_agrees(const std::string &path, const card_case &c) {
     qfs_device_test::device_handle device;
-    ASSERT_EQ(qfs_device_create_default(path.c_str(), QFS_DEVICE_FLAG_READ_ONLY, device.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
+    qfs_device_test::open_device(device, path, QFS_DEVICE_FLAG_READ_ONLY);
     ASSERT_EQ(qfs_device_set_range(device, c.partition_start * 512, c.partition_sectors * 512), QFS_OK);
     exfat_volume *volume = nullptr;
     ASSERT_EQ(exfat_volume_create(device, EXFAT_VOLUME_READ_ONLY, &volume), QFS_OK);
@@ -107,8 +106,7 @@ TEST_P(ExfatCards, FormatReportAndIndependentChecks) {
 
     ASSERT_TRUE(qfs_test::have_program("fsck.exfat"));
     QFS_ATTACH_LOOP_OR_SKIP(partition, path, {.offset = c.partition_start * 512, .read_only = true});
-    const auto fsck = qfs_test::run_command({"fsck.exfat", "-n", partition->path()});
-    EXPECT_EQ(fsck.exit_status, 0) << fsck.out << fsck.err;
+    qfs_test::expect_clean({"fsck.exfat", "-n", partition->path()});
 }
 
 const card_case cards[] = {

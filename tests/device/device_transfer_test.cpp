@@ -21,8 +21,7 @@ protected:
         expected_ = pattern(size);
         qfs_test::make_sparse_image(path_, size);
         qfs_test::write_bytes(path_, 0, expected_);
-        ASSERT_EQ(qfs_device_create_default(path_.c_str(), flags, dev_.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(dev_, 0), QFS_OK);
+        qfs_device_test::open_device(dev_, path_, flags);
     }
     void expect_image_is_expected() {
         EXPECT_EQ(qfs_test::read_bytes(path_, 0, expected_.size()), expected_);

@@ -28,8 +28,7 @@ protected:
         image_ = dir_.file("card.img");
         qfs_test::make_sparse_image(image_, size);
         qfs_test::write_bytes(image_, 0, pattern(size));
-        ASSERT_EQ(qfs_device_create_default(image_.c_str(), QFS_DEVICE_FLAG_SHADOW, device_.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(device_, 0), QFS_OK);
+        qfs_device_test::open_device(device_, image_, QFS_DEVICE_FLAG_SHADOW);
         before_ = qfs_test::image_fingerprint(image_);
     }
 

@@ -76,8 +76,7 @@ TEST_F(UnixIoImage, ImageSizeIsFoundByReading) {
         const std::string image = dir_.file("size.img");
         qfs_test::make_sparse_image(image, c.bytes);
         device_handle dev;
-        ASSERT_EQ(qfs_device_create_default(image.c_str(), QFS_DEVICE_FLAG_READ_ONLY, dev.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+        qfs_device_test::open_device(dev, image, QFS_DEVICE_FLAG_READ_ONLY);
         uint64_t sectors = 0;
         EXPECT_EQ(qfs_device_get_size_in_sectors(dev, c.sector_size, &sectors), QFS_OK);
         EXPECT_EQ(sectors, c.sectors);
@@ -88,8 +87,7 @@ TEST_F(UnixIoImage, SizeQueriesRejectBadSectorSizesAndRanges) {
     const std::string image = dir_.file("card.img");
     qfs_test::make_sparse_image(image, 8192);
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(image.c_str(), QFS_DEVICE_FLAG_READ_ONLY, dev.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+    qfs_device_test::open_device(dev, image, QFS_DEVICE_FLAG_READ_ONLY);
     uint64_t sectors = 77;
     EXPECT_EQ(qfs_device_get_size_in_sectors(dev, 0, &sectors), QFS_ERR_INVALID_PARAMETER);
     EXPECT_EQ(qfs_device_get_size_in_sectors(dev, 1000, &sectors), QFS_ERR_INVALID_PARAMETER);
@@ -108,8 +106,7 @@ TEST_F(UnixIoImage, BlockDeviceRequestsFailOnImagesWithTheirErrno) {
     qfs_test::make_filled_image(image, 65536, 0x77);
     const std::string before = qfs_test::image_fingerprint(image);
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(image.c_str(), 0, dev.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+    qfs_device_test::open_device(dev, image, 0);
     // A regular file answers no block-device request: ENOTTY (25).
     EXPECT_EQ(qfs_device_discard_byte_range(dev, 0, 4096, 0), ENOTTY);
     EXPECT_EQ(qfs_device_discard_byte_range(dev, 0, 4096, 1), ENOTTY);
@@ -134,8 +131,7 @@ TEST_F(UnixIoImage, ClearingThePartitionTableWipesTwoSectorsThroughTheDevice) {
         SCOPED_TRACE(flags);
         qfs_test::make_filled_image(image, 8192, 0x3C);
         device_handle dev;
-        ASSERT_EQ(qfs_device_create_default(image.c_str(), flags, dev.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+        qfs_device_test::open_device(dev, image, flags);
         testing::internal::CaptureStderr();
         EXPECT_EQ(qfs_device_clear_partition_table(dev, nullptr), result);
         testing::internal::GetCapturedStderr();

@@ -51,16 +51,12 @@ TEST_F(UnixIoLoop, PartitionStartComesFromSysfs) {
     if (!qfs_test::have_program("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
     const std::string image = make_image();
     // One partition at sector 2048, 8192 sectors long.
-    qfs_test::run_options input;
-    input.input = "start=2048, size=8192, type=83\n";
-    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, input).exit_status, 0);
+    ASSERT_EQ(qfs_test::run_command({"sfdisk", "-q", image}, {{}, "start=2048, size=8192, type=83\n"}).exit_status, 0);
     QFS_ATTACH_LOOP_OR_SKIP(loop, image);
     loop->scan_partitions();
 
     device_handle part;
-    ASSERT_EQ(qfs_device_create_default(loop->partition(1).c_str(), QFS_DEVICE_FLAG_READ_ONLY, part.receive()),
-              QFS_OK);
-    ASSERT_EQ(qfs_device_open(part, 0), QFS_OK);
+    qfs_device_test::open_device(part, loop->partition(1), QFS_DEVICE_FLAG_READ_ONLY);
     uint64_t start = 0;
     ASSERT_EQ(qfs_device_get_partition_start_sector(part, &start), QFS_OK);
     EXPECT_EQ(start, 2048u);
@@ -71,8 +67,7 @@ TEST_F(UnixIoLoop, PartitionStartComesFromSysfs) {
 
     // The whole device has no start entry.
     device_handle whole;
-    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), QFS_DEVICE_FLAG_READ_ONLY, whole.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(whole, 0), QFS_OK);
+    qfs_device_test::open_device(whole, loop->path(), QFS_DEVICE_FLAG_READ_ONLY);
     EXPECT_EQ(qfs_device_get_partition_start_sector(whole, &start), ENOENT);
 }
 
@@ -80,7 +75,7 @@ TEST_F(UnixIoLoop, MountedDeviceIsFoundByPathAndByDeviceNumber) {
     if (!qfs_test::have_program("mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 is not installed";
     QFS_ATTACH_LOOP_OR_SKIP(loop, make_image());
     qfs_test::must_run({"mkfs.ext4", "-q", "-F", loop->path()});
-    const std::string mount_point = loop->mount(loop->path(), dir_.file("mnt"));
+    const std::string mount_point = loop->mount(loop->path(), dir_.file("mnt"), "rw");
 
     // Another node for the same device, as a card reader's alias would be.
     struct stat info = {};
@@ -133,8 +128,7 @@ TEST_F(UnixIoLoop, MisalignedDiscardIsRefusedBeforeTheDevice) {
     QFS_ATTACH_LOOP_OR_SKIP(loop, image);
     const std::string before = qfs_test::image_fingerprint(image);
     device_handle dev;
-    ASSERT_EQ(qfs_device_create_default(loop->path().c_str(), 0, dev.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+    qfs_device_test::open_device(dev, loop->path(), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(qfs_device_discard_byte_range(dev, 100, 4096, 0), QFS_ERR_INVALID_PARAMETER) << "position";
     EXPECT_EQ(qfs_device_discard_byte_range(dev, 4096, 1000, 0), QFS_ERR_INVALID_PARAMETER) << "count";

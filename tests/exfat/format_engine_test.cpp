@@ -18,8 +18,6 @@ constexpr uint64_t mib = 1048576;
 
 class ExfatEngine : public testing::Test {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
     qfs_test::temp_dir dir;
     std::string image(uint64_t bytes, const char *name = "volume.img") {
         const std::string path = dir.file(name);
@@ -28,9 +26,7 @@ protected:
     }
     static bool fsck_accepts(const std::string &path) {
         if (!qfs_test::have_program("fsck.exfat")) return true;
-        const auto r = qfs_test::run_command({"fsck.exfat", "-n", path});
-        EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
-        return r.exit_status == 0;
+        return qfs_test::expect_clean({"fsck.exfat", "-n", path});
     }
 };
 
@@ -83,36 +79,30 @@ TEST_F(ExfatEngine, ChainsOverSeveralClusters) {
 TEST_F(ExfatEngine, OemParameterSlots) {
     const uint8_t flash_guid[16] = {0x46, 0x7E, 0x0C, 0x0A, 0x99, 0x33, 0x21, 0x40,
                                     0x90, 0xC8, 0xFA, 0x6D, 0x38, 0x9C, 0x4B, 0xA2};
-    uint8_t supplied[32] = {};
-    supplied[0] = 0x5A;
-    // A card whose slot 3 already holds flash parameters keeps them, whatever is supplied.
-    {
-        const std::string path = image(64 * mib, "kept.img");
-        std::vector<uint8_t> sector(512, 0);
-        memcpy(sector.data() + 3 * 48, flash_guid, 16);
-        for (int i = 0; i < 32; ++i) sector[3 * 48 + 16 + i] = static_cast<uint8_t>(0x90 + i);
-        for (int i = 480; i < 512; ++i) sector[i] = 0xEE; // beyond the slots: cleared by the format
+    uint8_t supplied[32] = {0x5A};
+    // Formats a card whose parameter sector holds `sector` and answers what it holds after.
+    const auto format_over = [&](const std::vector<uint8_t> &sector) {
+        const std::string path = image(64 * mib, "slots.img");
         qfs_test::write_bytes(path, 9 * 512, sector);
         format_request request;
         request.tca_whole = false;
         request.flash_params = supplied;
-        ASSERT_EQ(format_image(path, request), QFS_OK);
-        std::fill(sector.begin() + 480, sector.end(), 0);
-        EXPECT_EQ(qfs_test::read_bytes(path, 9 * 512, 512), sector);
-        EXPECT_EQ(qfs_test::read_bytes(path, 21 * 512, 512), sector) << "backup copy";
-    }
+        EXPECT_EQ(format_image(path, request), QFS_OK);
+        EXPECT_EQ(qfs_test::read_bytes(path, 21 * 512, 512), qfs_test::read_bytes(path, 9 * 512, 512)) << "backup";
+        return qfs_test::read_bytes(path, 9 * 512, 512);
+    };
+    // A card whose slot 3 already holds flash parameters keeps them, whatever is supplied;
+    // bytes beyond the slots are cleared.
+    std::vector<uint8_t> kept(512, 0);
+    memcpy(kept.data() + 3 * 48, flash_guid, 16);
+    for (int i = 0; i < 32; ++i) kept[3 * 48 + 16 + i] = static_cast<uint8_t>(0x90 + i);
+    auto planted = kept;
+    std::fill(planted.begin() + 480, planted.end(), 0xEE);
+    EXPECT_EQ(format_over(planted), kept);
     // Ten occupied slots leave no room: the slots stay.
-    {
-        const std::string path = image(64 * mib, "full.img");
-        std::vector<uint8_t> sector(512, 0);
-        for (int i = 0; i < 480; ++i) sector[i] = static_cast<uint8_t>(i % 7 + 1);
-        qfs_test::write_bytes(path, 9 * 512, sector);
-        format_request request;
-        request.tca_whole = false;
-        request.flash_params = supplied;
-        ASSERT_EQ(format_image(path, request), QFS_OK);
-        EXPECT_EQ(qfs_test::read_bytes(path, 9 * 512, 512), sector);
-    }
+    std::vector<uint8_t> full(512, 0);
+    for (int i = 0; i < 480; ++i) full[i] = static_cast<uint8_t>(i % 7 + 1);
+    EXPECT_EQ(format_over(full), full);
 }
 
 // Compares two images byte for byte, except the ranges listed.
@@ -161,20 +151,20 @@ TEST_F(ExfatEngine, ProgressAccountingEndsAtOneHundred) {
     struct progress_case {
         const char *name;
         uint64_t bytes;
-        bool whole, zero, relax;
+        bool whole, zero;
         uint32_t discard;
     };
     // Whole-card cases are sparse and quick; zero-fill only on the small volume.
     // Images have no discard: a discard that fails does not fail the format.
     constexpr progress_case cases[] = {
-        {"quick", 64 * mib, false, false, false, EXFAT_DISCARD_NONE},
-        {"zero", 64 * mib, false, true, false, EXFAT_DISCARD_NONE},
-        {"zero+discard", 64 * mib, false, true, false, EXFAT_DISCARD_REGULAR},
-        {"secure discard", 64 * mib, false, false, false, EXFAT_DISCARD_SECURE},
-        {"card", 67108864ull * 512, true, false, false, EXFAT_DISCARD_NONE},
-        {"card+discard", 67108864ull * 512, true, false, false, EXFAT_DISCARD_REGULAR},
-        {"GPT card", 5368709120ull * 512, true, false, false, EXFAT_DISCARD_NONE},
-        {"GPT card+discard", 5368709120ull * 512, true, false, false, EXFAT_DISCARD_SECURE},
+        {"quick", 64 * mib, false, false, EXFAT_DISCARD_NONE},
+        {"zero", 64 * mib, false, true, EXFAT_DISCARD_NONE},
+        {"zero+discard", 64 * mib, false, true, EXFAT_DISCARD_REGULAR},
+        {"secure discard", 64 * mib, false, false, EXFAT_DISCARD_SECURE},
+        {"card", 67108864ull * 512, true, false, EXFAT_DISCARD_NONE},
+        {"card+discard", 67108864ull * 512, true, false, EXFAT_DISCARD_REGULAR},
+        {"GPT card", 5368709120ull * 512, true, false, EXFAT_DISCARD_NONE},
+        {"GPT card+discard", 5368709120ull * 512, true, false, EXFAT_DISCARD_SECURE},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -56,12 +56,10 @@ TEST(ExfatDistribution, FatOffsetFollowsThePartitionOffset) {
         EXPECT_EQ(clusters, c.cluster_count);
     }
     uint64_t a = 7, b = 0, c = 0, d = 0;
-    qfs_log_set_kmsg_enabled(false);
     testing::internal::CaptureStderr();
     EXPECT_EQ(exfat_format_calculate_fat_heap_distribution(4096, 1 << 20, 8, 0, 2048, &a, &b, &c, &d), 22)
         << "a cluster smaller than a sector";
     testing::internal::GetCapturedStderr();
-    qfs_log_set_kmsg_enabled(true);
     EXPECT_EQ(a, 7u);
 }
 

@@ -40,7 +40,6 @@ std::vector<std::string> joined(std::vector<std::string> a, const std::vector<st
 }
 
 TEST(FatFormat, WritesOfAWholeFat32Card) {
-    qfs_log_set_kmsg_enabled(false);
     // Without a label the root directory is all zeros. With the short FAT each copy
     // covers entries 0 and 1 and one per cluster: (65552 + 2) * 4 bytes.
     const run_case cases[] = {
@@ -85,7 +84,6 @@ TEST(FatFormat, WritesOfAWholeFat32Card) {
         EXPECT_EQ(monitor.fs_name, "FAT32");
         EXPECT_EQ(monitor.free_space, 65551ull * 32768);
     }
-    qfs_log_set_kmsg_enabled(true);
 }
 
 } // namespace

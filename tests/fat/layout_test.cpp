@@ -92,8 +92,7 @@ TEST(FatLayout, RequestChecksComeFirst) {
     const std::string image = dir.file("card.img");
     qfs_test::make_sparse_image(image, 4211713ull * 512);
     qfs_device_test::device_handle device;
-    ASSERT_EQ(qfs_device_create_default(image.c_str(), 0, device.receive()), QFS_OK);
-    ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
+    qfs_device_test::open_device(device, image, 0);
     fat_format_request request{};
     request.tca_whole = true;
     const uint8_t lower_case[] = {'d', 'a', 't', 'a'};

@@ -26,18 +26,12 @@ uint64_t expect_clean_and_read_back(const std::string &image, uint8_t fat_type) 
 class FatVolume : public testing::Test {
   protected:
     void SetUp() override {
-        qfs_log_set_kmsg_enabled(false);
         if (!qfs_test::have_program("fsck.fat") || !qfs_test::have_program("mkfs.fat"))
             GTEST_SKIP() << "dosfstools missing";
     }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
     qfs_test::temp_dir dir_;
     std::string image_ = dir_.file("volume.img");
 };
-
-} // namespace
-
-namespace {
 
 struct mkfs_case {
     const char *fat_size, *label, *kib;

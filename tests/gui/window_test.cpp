@@ -94,9 +94,7 @@ private slots:
         QTest::newRow("exFAT keeps case and Unicode") << "exFAT" << "Ωmega Fotos" << true;
         QTest::newRow("exFAT holds 11 units") << "exFAT" << "Ωmega Fotos2" << false;
         QTest::newRow("exFAT: no colon") << "exFAT" << "a:b" << false;
-        QTest::newRow("exFAT: leading blank") << "exFAT" << " photos" << true;
         QTest::newRow("FAT upper-cases small letters") << "FAT32" << "holiday" << true;
-        QTest::newRow("FAT: no dot") << "FAT16" << "a.b" << false;
         QTest::newRow("FAT: code page 437 has É") << "FAT12" << "CAFÉ" << true;
         QTest::newRow("FAT: code page 437 lacks Ï") << "FAT32" << "naïve" << false;
         QTest::newRow("FAT: no ideographs") << "FAT32" << "日本" << false;
@@ -106,13 +104,6 @@ private slots:
         QFETCH(QString, file_system);
         QFETCH(QString, label);
         QTEST(label_fits(file_system, label), "fits");
-    }
-
-    void labelFieldRefusesWhatTheCardsFileSystemCannotStore() {
-        open_window();
-        child<QListView>(*window_, "cards")->setCurrentIndex(child<QListView>(*window_, "cards")->model()->index(1, 0));
-        QTest::keyClicks(child<QLineEdit>(*window_, "label"), "my.card+1");
-        QCOMPARE(child<QLineEdit>(*window_, "label")->text(), "mycard1");
     }
 
     void formatsOnlyAfterAQuestionNamingTheCard() {
@@ -154,7 +145,7 @@ private slots:
         QCOMPARE(contents(file("args")), "--tca-formatter-progress\n--overwrite\n/dev/sdb\n");
     }
 
-    void showsTheToolsErrorWordForWordWithItsExitStatus() {
+    void failedRunsSayWhatHappenedAndMayBeTriedAgain() {
         script({}, "Tarn Card Formatter version 1.0.3 (build 3023.2.3.15)\nDevelopped by nobody\n"
                    "Error: Invalid characters in volume label.\n", 1);
         open_window();
@@ -162,18 +153,14 @@ private slots:
         QTRY_COMPARE(step(), "Failed");
         QCOMPARE(result(), "Developped by nobody\nError: Invalid characters in volume label.\n\n"
                            "format_tarn ended with exit status 1.");
-        QVERIFY(child<QPushButton>(*window_, "format")->isEnabled());
-    }
-
-    void saysWhenTheToolDiesMidRun() {
+        // Again, and the tool dies mid-run.
         script("PROGRESS:10/100 Overwriting the beginning of the device with zeroed data...\nDIE\n"
                "PROGRESS:100/100 Creating Tarn-compatible partition table...\n",
                {}, 0);
-        open_window();
         format(0, {}, "erase");
-        QTRY_COMPARE(step(), "Failed");
+        QTRY_COMPARE(result(), "format_tarn stopped before it finished. The card is not formatted: format it again.");
+        QCOMPARE(step(), "Failed");
         QCOMPARE(child<QProgressBar>(*window_, "progress")->value(), 10);
-        QCOMPARE(result(), "format_tarn stopped before it finished. The card is not formatted: format it again.");
     }
 
     void closingDuringAFormatAsksThenLetsItFinish() {
@@ -204,16 +191,6 @@ private slots:
         QVERIFY(tool_launch("/usr/sbin/format_tarn", false, "/usr/bin/pkexec", {}).problem.contains("polkit action"));
     }
 
-    void everyControlHasANameAndTheWindowFits800x600() {
-        open_window();
-        for (QWidget *widget : window_->findChildren<QWidget *>()) {
-            if (widget->focusPolicy() != Qt::NoFocus && widget->isVisible()) {
-                QVERIFY2(!widget->accessibleName().isEmpty(), widget->metaObject()->className());
-            }
-        }
-        QVERIFY(window_->width() <= 800 && window_->height() <= 560);
-        QVERIFY(window_->minimumSizeHint().width() <= 800 && window_->minimumSizeHint().height() <= 560);
-    }
 };
 
 QTEST_MAIN(WindowTest)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,12 +20,13 @@ namespace qfs_device_test {
 // Closes and destroys the device when the test ends, also after a failed assertion.
 using device_handle = qfs_device_owner;
 
-// Every test here keeps its log lines out of the kernel log.
-class device_test : public testing::Test {
-protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
-};
+// Creates the backend over `path` with `flags` and opens it.
+inline void open_device(device_handle &device, const std::string &path, uint64_t flags) {
+    ASSERT_EQ(qfs_device_create_default(path.c_str(), flags, device.receive()), QFS_OK);
+    ASSERT_EQ(qfs_device_open(device, 0), QFS_OK);
+}
+
+using device_test = testing::Test;
 
 // A byte sequence with period 251, so a byte moved by any power of two shows.
 inline std::vector<uint8_t> pattern(size_t length, uint64_t first = 0) {
@@ -40,32 +42,19 @@ public:
     // `hold` runs in the child and may only make async-signal-safe calls.
     template <typename Hold> explicit held_by_child(Hold hold) {
         int ready[2];
-        int release[2];
-        if (pipe(ready) != 0 || pipe(release) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(ready[0]);
-            close(release[1]);
+        if (pipe(ready) != 0) return;
+        if ((pid_ = fork()) == 0) {
             const char answer = hold() ? 'y' : 'n';
-            if (write(ready[1], &answer, 1) != 1) _exit(1);
-            char ignored;
-            while (read(release[0], &ignored, 1) > 0) {
-            }
+            if (write(ready[1], &answer, 1) == 1) pause(); // until the owner kills it
             _exit(0);
         }
         close(ready[1]);
-        close(release[0]);
-        release_fd_ = release[1];
         char answer = 'n';
-        if (pid_ > 0 && read(ready[0], &answer, 1) == 1) holding_ = answer == 'y';
+        holding_ = pid_ > 0 && read(ready[0], &answer, 1) == 1 && answer == 'y';
         close(ready[0]);
     }
     ~held_by_child() {
-        if (release_fd_ >= 0) close(release_fd_);
-        if (pid_ > 0) {
-            int status = 0;
-            waitpid(pid_, &status, 0);
-        }
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     }
     held_by_child(const held_by_child &) = delete;
     held_by_child &operator=(const held_by_child &) = delete;
@@ -73,7 +62,6 @@ public:
 
 private:
     pid_t pid_ = -1;
-    int release_fd_ = -1;
     bool holding_ = false;
 };
 

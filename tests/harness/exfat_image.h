@@ -68,4 +68,13 @@ inline uint16_t le16(const std::vector<uint8_t> &b, size_t offset) {
     return static_cast<uint16_t>(b[offset] | b[offset + 1] << 8);
 }
 
+// The boot region checksum written out from its definition: rotate the 32-bit
+// sum right by one and add the byte, skipping VolumeFlags (106-107) and PercentInUse (112).
+inline uint32_t boot_region_checksum(const std::vector<uint8_t> &region) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < 11 * 512; ++i)
+        if (i != 106 && i != 107 && i != 112) sum = ((sum >> 1) | (sum << 31)) + region[i];
+    return sum;
+}
+
 } // namespace qfs_exfat_test

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace qfs_test {
 
@@ -31,15 +30,13 @@ public:
     std::string partition(int n) const { return path_ + "p" + std::to_string(n); }
     // Makes the kernel create the partition devices (partx -a).
     void scan_partitions();
-    // Mounts `device` (this device or one of its partitions) on a new directory, with mount
-    // options such as "ro" when given; undone at destruction.
-    std::string mount(const std::string &device, const std::string &directory, const std::string &options = "");
+    // Mounts `device` (this device or one of its partitions) on a new directory with the
+    // mount options given (at least "rw" or "ro"); undone at destruction.
+    std::string mount(const std::string &device, const std::string &directory, const std::string &options);
 
 private:
     explicit loop_device(std::string path) : path_(std::move(path)) {}
     std::string path_;
-    std::vector<std::string> mount_points_;
-    bool partitions_scanned_ = false;
 };
 
 // True when an exclusive open fails with EBUSY: someone (a mount, a formatter,

@@ -1,5 +1,7 @@
 #include "harness/process.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -37,11 +39,9 @@ void apply_env(const std::vector<std::string> &env) {
 }
 
 int wait_status(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    int status = 0, r;
+    while ((r = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {}
+    return r >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void close_fd(int &fd) {
@@ -61,10 +61,7 @@ void pump(int out_fd, int err_fd, std::string *out, std::string *err, int in_fd,
     while (fds[0] >= 0 || fds[1] >= 0 || fds[2] >= 0) {
         pollfd p[3];
         for (int i = 0; i < 3; ++i) p[i] = {fds[i], short(i == 2 ? POLLOUT : POLLIN), 0};
-        if (poll(p, 3, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
+        if (poll(p, 3, -1) < 0 && errno != EINTR) break;
         if (p[2].revents) {
             const ssize_t w = write(fds[2], input.data() + input_done, input.size() - input_done);
             if (w <= 0 || (input_done += size_t(w)) == input.size()) close_fd(fds[2]);
@@ -123,16 +120,13 @@ pty_result run_in_pty(const std::vector<std::string> &argv, pty_size size,
                       const std::function<std::optional<pty_size>(const std::string &)> &on_output) {
     int err_pipe[2];
     if (pipe2(err_pipe, O_CLOEXEC)) throw std::runtime_error("pipe");
-    struct winsize ws {};
-    ws.ws_row = size.rows;
-    ws.ws_col = size.columns;
+    winsize ws{size.rows, size.columns, 0, 0};
     int master = -1;
     const pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
     if (pid < 0) throw std::runtime_error("forkpty");
     if (pid == 0) {
         dup2(err_pipe[1], 2);
-        const int null_in = open("/dev/null", O_RDONLY);
-        if (null_in >= 0) dup2(null_in, 0);
+        dup2(open("/dev/null", O_RDONLY), 0);
         auto args = as_argv(argv);
         execvp(args[0], args.data());
         _exit(127);
@@ -140,12 +134,10 @@ pty_result run_in_pty(const std::vector<std::string> &argv, pty_size size,
     close(err_pipe[1]);
     pty_result result;
     pump(master, err_pipe[0], &result.output, &result.err, -1, "", [&] {
-        const std::optional<pty_size> resize = on_output ? on_output(result.output) : std::nullopt;
-        if (!resize) return;
-        struct winsize next {};
-        next.ws_row = resize->rows;
-        next.ws_col = resize->columns;
-        ioctl(master, TIOCSWINSZ, &next);
+        if (const auto resize = on_output ? on_output(result.output) : std::nullopt) {
+            const winsize next{resize->rows, resize->columns, 0, 0};
+            ioctl(master, TIOCSWINSZ, &next);
+        }
     });
     result.exit_status = wait_status(pid);
     return result;
@@ -160,6 +152,12 @@ std::string must_run(const std::vector<std::string> &argv) {
                                  "\n" + r.out + r.err);
     }
     return r.out;
+}
+
+bool expect_clean(const std::vector<std::string> &argv) {
+    const run_result r = run_command(argv);
+    EXPECT_EQ(r.exit_status, 0) << argv[0] << ": " << r.out << r.err;
+    return r.exit_status == 0;
 }
 
 bool have_program(const std::string &name) {

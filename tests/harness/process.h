@@ -50,6 +50,9 @@ pty_result run_in_pty(const std::vector<std::string> &argv, pty_size size,
 // Shell-free helper for setup steps; throws with the command's output when it fails.
 std::string must_run(const std::vector<std::string> &argv);
 
+// Runs a checker (fsck.exfat -n, sgdisk -v, ...) and expects it to pass; true when it did.
+bool expect_clean(const std::vector<std::string> &argv);
+
 // True when a program of that name is on PATH.
 bool have_program(const std::string &name);
 

@@ -35,8 +35,6 @@ std::string write(uint64_t position, uint64_t length) { return recording_device:
 
 class CardWriter : public testing::Test {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
 
     // Formats a fresh card over the recording layer; answers the engine's result. The
     // monitor's information lines and the card's events share one journal.

@@ -75,8 +75,7 @@ protected:
     void SetUp() override {
         image_ = dir_.file("card.img");
         qfs_test::make_sparse_image(image_, 64 << 20);
-        ASSERT_EQ(qfs_device_create_default(image_.c_str(), 0, device_.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(device_, 0), QFS_OK);
+        qfs_device_test::open_device(device_, image_, 0);
         before_ = qfs_test::image_fingerprint(image_);
     }
     qfs_test::temp_dir dir_;

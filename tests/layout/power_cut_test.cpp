@@ -415,8 +415,6 @@ void fsck_agrees(const card_case &card, const std::string &old_card, const lande
 
 class PowerCut : public testing::TestWithParam<card_case> {
 protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
 };
 
 TEST_P(PowerCut, EveryStateIsBlankOldOrNew) {
@@ -426,8 +424,7 @@ TEST_P(PowerCut, EveryStateIsBlankOldOrNew) {
     qfs_test::make_sparse_image(old_card, card.sectors * 512);
     {
         qfs_device_test::device_handle dev;
-        ASSERT_EQ(qfs_device_create_default(old_card.c_str(), 0, dev.receive()), QFS_OK);
-        ASSERT_EQ(qfs_device_open(dev, 0), QFS_OK);
+        qfs_device_test::open_device(dev, old_card, 0);
         ASSERT_EQ(format_card(dev, card, old_serial, false), QFS_OK);
     }
     const uint64_t start = le(qfs_test::read_bytes(old_card, 454, 4), 0, 4) * 512;

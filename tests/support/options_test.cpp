@@ -23,11 +23,7 @@ class OptionParser : public ::testing::Test {
 protected:
     parsed v;
     std::vector<std::string> args_; // string values point into these
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override {
-        qfs_free(v.list.elements);
-        qfs_log_set_kmsg_enabled(true);
-    }
+    void TearDown() override { qfs_free(v.list.elements); }
     // 1 when the arguments (after the program name) parse; the values land in `v`.
     int parse(std::vector<std::string> args) {
         qfs_free(v.list.elements);

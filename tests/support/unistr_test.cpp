@@ -10,11 +10,7 @@
 
 namespace {
 
-class Utf8Test : public testing::Test {
-protected:
-    void SetUp() override { qfs_log_set_kmsg_enabled(false); }
-    void TearDown() override { qfs_log_set_kmsg_enabled(true); }
-};
+using Utf8Test = testing::Test;
 
 // Expected units worked out by hand from the code points.
 TEST_F(Utf8Test, DecodesValidTextAndRoundTrips) {
