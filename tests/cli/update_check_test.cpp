@@ -27,6 +27,13 @@ TEST(UpdateCheck, VerdictsAndFailures) {
     const std::string download = "\nThe latest version can be downloaded at:\n"
                                  "\thttps://www.tarncard.org/downloads/formatter/\n\n";
     const std::string failed = "[ERROR] Error while checking for updates: ";
+    const auto child = [&](const std::string &what) {
+        return "[ERROR] Unexpected child process exit status.\nChild process " + what + "\n" + failed + "1 (QFS_ERR_UNKNOWN)\n";
+    };
+    const auto unparsed = [&](const std::string &what) {
+        return "[ERROR] " + what + "\n[ERROR] Error while parsing the information about the latest version of the "
+               "formatter: 4 (QFS_ERR_IO_ERROR)\n" + failed + "4 (QFS_ERR_IO_ERROR)\n";
+    };
     const check_case cases[] = {
         {"newer", "curl",
          "case \"$*\" in *' https://www.tarncard.org/downloads/formatter/eula_linux/version.txt') printf '1.0.4\\n';; "
@@ -37,12 +44,13 @@ TEST(UpdateCheck, VerdictsAndFailures) {
          "No update available.\n" + current + "The latest version is 0.9.99.\n", ""},
         {"no usable program", "curl-without-x", "printf '1.0.3\\n'", 1, "",
          "[ERROR] Could not find a usable wget or curl binary\n" + failed + "2 (No such file or directory)\n"},
-        {"HTTP error", "curl", "exit 22", 1, "",
-         "[ERROR] Unexpected child process exit status.\nChild process exit status: 22 (HTTP protocol error when "
-         "downloading data)\n" + failed + "1 (QFS_ERR_UNKNOWN)\n"},
+        {"HTTP error", "curl", "exit 22", 1, "", child("exit status: 22 (HTTP protocol error when downloading data)")},
+        {"unknown curl failure", "curl", "exit 99", 1, "", child("exit status: 99 (Unknown error)")},
+        {"wget network failure", "wget", "exit 4", 1, "", child("exit status: 4 (Network failure)")},
+        {"killed", "curl", "kill -9 $PPID", 1, "", child("was terminated by signal 9.")},
+        {"two parts", "curl", "printf '2.0\\n'", 1, "", unparsed("Version number '2.0' is malformed")},
         {"a web page instead", "curl", "printf '<html><body>Not Found</body></html>\\n'", 1, "",
-         "[ERROR] Version number is overlong and malformed\n[ERROR] Error while parsing the information about the "
-         "latest version of the formatter: 4 (QFS_ERR_IO_ERROR)\n" + failed + "4 (QFS_ERR_IO_ERROR)\n"},
+         unparsed("Version number is overlong and malformed")},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

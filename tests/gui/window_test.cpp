@@ -106,6 +106,24 @@ private slots:
         QTEST(label_fits(file_system, label), "fits");
     }
 
+    void labelFieldRefusesWhatTheCardsFileSystemCannotStore() {
+        open_window();
+        child<QListView>(*window_, "cards")->setCurrentIndex(child<QListView>(*window_, "cards")->model()->index(1, 0));
+        QTest::keyClicks(child<QLineEdit>(*window_, "label"), "my.card+1");
+        QCOMPARE(child<QLineEdit>(*window_, "label")->text(), "mycard1");
+    }
+
+    void everyControlHasANameAndTheWindowFits800x600() {
+        open_window();
+        for (QWidget *widget : window_->findChildren<QWidget *>()) {
+            if (widget->focusPolicy() != Qt::NoFocus && widget->isVisible()) {
+                QVERIFY2(!widget->accessibleName().isEmpty(), widget->metaObject()->className());
+            }
+        }
+        QVERIFY(window_->width() <= 800 && window_->height() <= 560);
+        QVERIFY(window_->minimumSizeHint().width() <= 800 && window_->minimumSizeHint().height() <= 560);
+    }
+
     void formatsOnlyAfterAQuestionNamingTheCard() {
         open_window();
         child<QCheckBox>(*window_, "discard")->setChecked(true);
