@@ -211,4 +211,38 @@ TEST_F(FatCards, AlignedToCylinders) {
     }
 }
 
+// One card of each FAT type, used with mtools: a directory tree, a file over
+// many clusters and a long file name come back as written, and fsck.fat
+// still finds nothing wrong.
+TEST_F(FatCards, FilesWrittenByMtoolsReadBack) {
+    for (const char *tool : {"mcopy", "mmd", "mdir"})
+        if (!qfs_test::have_program(tool)) GTEST_SKIP() << tool << " is not installed";
+    // 3 MiB of varied bytes: 384 clusters of 8 KiB on the FAT12 card, 48 of 64 KiB on the others.
+    const std::string payload = dir_.file("payload.bin");
+    std::vector<uint8_t> bytes(3 * 1048576);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 2654435761u >> 13);
+    qfs_test::make_sparse_image(payload, 0);
+    qfs_test::write_bytes(payload, 0, bytes);
+    for (const card_case &c : fat_cards) {
+        if (c.sectors != 16224 && c.sectors != 1021952 && c.sectors != 4211713) continue;
+        SCOPED_TRACE(c.sectors);
+        const std::string image = card(c.sectors);
+        ASSERT_EQ(qfs_test::run_tool({"-l", "FILES", image}).exit_status, 0);
+        const std::string volume = image + "@@" + std::to_string(c.start * 512);
+        qfs_test::must_run({"mmd", "-i", volume, "::/Photos", "::/Photos/2026"});
+        qfs_test::must_run({"mcopy", "-i", volume, payload, "::/Photos/2026/payload.bin"});
+        qfs_test::must_run({"mcopy", "-i", volume, payload, "::/A rather long file name.data"});
+        const std::string listing = qfs_test::must_run({"mdir", "-i", volume, "::/"});
+        EXPECT_NE(listing.find("A rather long file name.data"), std::string::npos) << listing;
+        EXPECT_NE(listing.find("Volume in drive : is FILES"), std::string::npos) << listing;
+        for (const char *name : {"::/Photos/2026/payload.bin", "::/A rather long file name.data"}) {
+            const std::string back = dir_.file("back.bin");
+            qfs_test::must_run({"mcopy", "-n", "-i", volume, name, back});
+            EXPECT_EQ(qfs_test::read_bytes(back, 0, bytes.size() + 1), bytes) << name;
+        }
+        QFS_ATTACH_LOOP_OR_SKIP(partition, image, {.offset = c.start * 512, .read_only = true});
+        EXPECT_EQ(fat_test::run_fsck(partition->path()).status, 0);
+    }
+}
+
 } // namespace
