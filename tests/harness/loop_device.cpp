@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +17,19 @@ bool held_exclusively(const std::string &path) {
     const int fd = open(path.c_str(), O_RDONLY | O_EXCL);
     if (fd >= 0) close(fd);
     return fd < 0 && errno == EBUSY;
+}
+
+bool flock_held(const std::string &path) {
+    struct stat st{};
+    if (stat(path.c_str(), &st) != 0) return false;
+    char id[64];
+    snprintf(id, sizeof(id), " %02x:%02x:%llu ", major(st.st_dev), minor(st.st_dev),
+             static_cast<unsigned long long>(st.st_ino));
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        if (line.find(" FLOCK ") != std::string::npos && line.find(id) != std::string::npos) return true;
+    }
+    return false;
 }
 
 std::unique_ptr<loop_device> loop_device::attach(const std::string &image, std::string *why_not, const options &how) {

@@ -41,6 +41,9 @@ private:
 
 // True when an exclusive open fails with EBUSY: someone (a mount, a formatter,
 // maybe the kernel) holds the block device.
+// Whether some process holds a BSD lock on the device node, read from
+// /proc/locks so that looking takes no lock or exclusive open of its own.
+bool flock_held(const std::string &path);
 bool held_exclusively(const std::string &path);
 
 } // namespace qfs_test
