@@ -1,20 +1,31 @@
 #include "exfat/util.h"
 
+#include <algorithm>
+#include <bit>
+
 #include "exfat/exfat_ondisk.h"
 #include "support/qfs_logging.h"
 #include "support/qfs_random.h"
 
+namespace {
+
+// Folds bytes [from, to) of the region into the checksum, clipped to its length.
+uint32_t fold(uint32_t checksum, const uint8_t *bytes, size_t from, size_t to, size_t length) {
+    for (size_t i = from; i < std::min(to, length); ++i) checksum = std::rotr(checksum, 1) + bytes[i];
+    return checksum;
+}
+
+} // namespace
+
+// The checksum skips the two volume flags bytes and the percent-in-use byte, which change
+// without the region being rewritten.
 uint32_t exfat_util_calculate_boot_region_checksum(const uint8_t *bytes, size_t length) {
     QFS_TRACE("exfat_util_calculate_boot_region_checksum checksumming %zu bytes...", length);
-    uint32_t checksum = 0;
-    for (size_t i = 0; i < length; ++i) {
-        if (i == exfat_ondisk::boot::volume_flags || i == exfat_ondisk::boot::volume_flags + 1 ||
-            i == exfat_ondisk::boot::percent_in_use) {
-            continue;
-        }
-        checksum = ((checksum & 1) ? 0x80000000u : 0) + (checksum >> 1) + bytes[i];
-    }
-    return checksum;
+    namespace boot = exfat_ondisk::boot;
+    static_assert(boot::volume_flags + 2 <= boot::percent_in_use);
+    uint32_t checksum = fold(0, bytes, 0, boot::volume_flags, length);
+    checksum = fold(checksum, bytes, boot::volume_flags + 2, boot::percent_in_use, length);
+    return fold(checksum, bytes, boot::percent_in_use + 1, length, length);
 }
 
 uint16_t exfat_util_calculate_entry_set_checksum(const uint8_t *entries, size_t entry_count) {

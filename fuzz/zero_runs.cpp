@@ -8,6 +8,9 @@ namespace {
 // A run length takes at most five LEB128 bytes (35 bits), more than any card here.
 constexpr int max_length_bytes = 5;
 
+// Zero runs up to this many bytes are kept as zeros in the extent around them.
+constexpr uint64_t short_run = 512;
+
 } // namespace
 
 void fuzz_zero_runs_decode(const uint8_t *input, size_t size, fuzz_memory_card *card) {
@@ -34,9 +37,15 @@ void fuzz_zero_runs_decode(const uint8_t *input, size_t size, fuzz_memory_card *
             run_less_one |= uint64_t(part & 0x7F) << shift;
             if ((part & 0x80) == 0) break;
         }
-        if (!extent.empty()) card->extents.emplace(position - extent.size(), std::move(extent));
+        const uint64_t run = std::min(run_less_one, limit - position - 1) + 1;
+        position += run;
+        // Short runs stay inside the extent: one extent per few bytes makes every read a map walk.
+        if (!extent.empty() && run <= short_run) {
+            extent.resize(extent.size() + run, 0);
+            continue;
+        }
+        if (!extent.empty()) card->extents.emplace(position - run - extent.size(), std::move(extent));
         extent.clear();
-        position += std::min(run_less_one, limit - position - 1) + 1;
     }
     if (!extent.empty()) card->extents.emplace(position - extent.size(), std::move(extent));
 }
