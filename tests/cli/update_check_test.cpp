@@ -67,4 +67,27 @@ TEST(UpdateCheck, VerdictsAndFailures) {
     }
 }
 
+// Which program runs: the first PATH folder holding either wins, curl before
+// wget inside one folder; empty, missing and non-folder elements are skipped.
+TEST(UpdateCheck, ProgramChoiceFollowsPath) {
+    qfs_test::temp_dir dir;
+    const auto program = [&](const std::string &folder, const char *name, const char *version) {
+        mkdir(dir.file(folder).c_str(), 0755);
+        const std::string path = dir.file(folder + "/" + name);
+        std::ofstream(path) << "#!/bin/sh\nprintf '" << version << "\\n'\n";
+        chmod(path.c_str(), 0755);
+        return dir.file(folder);
+    };
+    std::ofstream(dir.file("plain")) << "";
+    const std::string later = program("later", "curl", "9.9.9"), first = program("first", "wget", "1.0.3");
+    program("both", "wget", "9.9.9");
+    const std::string both = program("both", "curl", "1.0.3");
+    for (const std::string &path : {"::" + dir.file("missing") + ":" + dir.file("plain") + ":" + first + ":" + later, both}) {
+        SCOPED_TRACE(path);
+        const auto r = qfs_test::run_tool({"--update-check"}, {{"PATH=" + path}, ""});
+        EXPECT_EQ(r.exit_status, 0) << r.err;
+        EXPECT_NE(r.out.find("No update available."), std::string::npos) << r.out;
+    }
+}
+
 } // namespace
